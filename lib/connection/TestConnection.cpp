@@ -1,0 +1,7 @@
+#include "TableRepositoryImport.h"
+
+#include <stdexcept>
+
+TestConnectionResult CTableRepositoryImport::TestConnection(CString) {
+    throw std::logic_error("not implemented");
+}

@@ -1,0 +1,7 @@
+#include "TableRepositoryImport.h"
+
+#include <stdexcept>
+
+int CTableRepositoryImport::CreateAttributeDefinitions(CString, CList<DesktopAttributeDTO*>*) {
+    throw std::logic_error("not implemented");
+}
