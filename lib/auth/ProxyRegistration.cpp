@@ -1,12 +1,22 @@
 #include "TableRepositoryImport.h"
 
-#include <stdexcept>
+#include "auth/ProxyCall.h"
 
-void CTableRepositoryImport::RegisterWithAuthenticationProxy(CAuthenticationProxyConfiguration) {
-    throw std::logic_error("not implemented");
+// Neither call looks at the proxy's answer: a proxy that refuses is found out by the connection
+// test, which asks it again.
+
+void CTableRepositoryImport::RegisterWithAuthenticationProxy(
+    CAuthenticationProxyConfiguration configuration) {
+    proxyConfiguration = configuration;
+    SendProxyCall(proxyConfiguration.proxyBaseUri, proxyConfiguration.registrationPath,
+                  {{U("lxclient"), proxyConfiguration.clientName},
+                   {U("lxserver"), proxyConfiguration.serverName}});
 }
 
-CAuthenticationProxyResult
-CTableRepositoryImport::UnregisterFromAuthenticationProxy(CAuthenticationProxyConfiguration) {
-    throw std::logic_error("not implemented");
+CAuthenticationProxyResult CTableRepositoryImport::UnregisterFromAuthenticationProxy(
+    CAuthenticationProxyConfiguration configuration) {
+    CAuthenticationProxyResult result;
+    SendProxyCall(configuration.proxyBaseUri, configuration.unregistrationPath,
+                  {{U("lxclient"), configuration.clientName}});
+    return result;
 }

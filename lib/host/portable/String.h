@@ -30,6 +30,7 @@ public:
     void Empty() { m_text.clear(); }
     wchar_t GetAt(int index) const { return m_text.at(static_cast<std::size_t>(index)); }
     wchar_t operator[](int index) const { return GetAt(index); }
+    void SetAt(int index, wchar_t ch) { m_text.at(static_cast<std::size_t>(index)) = ch; }
 
     CString Mid(int first) const { return Mid(first, GetLength()); }
     CString Mid(int first, int count) const {
