@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Sets up a fresh Debian 12 machine, builds, and runs the whole test suite twice: a normal build
+# and an AddressSanitizer + UndefinedBehaviorSanitizer build (LeakSanitizer on).
+set -euo pipefail
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+cd "$root"
+
+"$root/scripts/install-dependencies.sh"
+
+jobs="$(nproc)"
+run_suite() {
+  local dir="$1"; shift
+  cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  (cd "$dir" && ctest --output-on-failure -j"$jobs" --timeout 600)
+}
+
+echo "== normal build"
+run_suite "$root/build/normal"
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp:print_suppressions=0"
+run_suite "$root/build/asan" -DTRI_SANITIZE=address,undefined
