@@ -56,9 +56,10 @@ TestConnectionResult ConnectDirectly(AuthenticationSettings& settings,
     if (login.ResultType != 0) {
         return result;
     }
-    ReplaceSecret(settings.accessToken,
-                  std::wstring(login.AccessToken.GetString(),
-                               static_cast<std::size_t>(login.AccessToken.GetLength())));
+    std::wstring token(login.AccessToken.GetString(),
+                       static_cast<std::size_t>(login.AccessToken.GetLength()));
+    ReplaceSecret(settings.accessToken, token);
+    WipeSecret(token);
     const web::http::http_response response =
         ExecuteRequest(settings, client, request, web::json::value::number(0)).get();
     result.status = ConnectStatus(response.status_code());
