@@ -1,7 +1,20 @@
 #include "TableRepositoryImport.h"
 
-#include <stdexcept>
+#include "client/PlainException.h"
+#include "client/ServiceRequest.h"
+#include "definitions/AttributeDefinitionsJson.h"
 
-int CTableRepositoryImport::CreateAttributeDefinitions(CString, CList<DesktopAttributeDTO*>*) {
-    throw std::logic_error("not implemented");
+int CTableRepositoryImport::CreateAttributeDefinitions(CString tableId,
+                                                       CList<DesktopAttributeDTO*>* attributes) {
+    try {
+        // All attributes travel in this one request, however many there are.
+        const web::json::value body = BuildAttributeDefinitionsJson(attributes);
+        ServiceAddress address(serverBaseUri, U("/Import/Tables"));
+        address.AppendName(tableId).AppendWord(U("Attributes"));
+        // Unlike the table itself (201), the definitions count as accepted only with 200.
+        return AcceptOnly(PostToService(*authenticationSettings, address.ToString(), body),
+                          web::http::status_codes::OK);
+    } catch (const std::exception& e) {
+        ThrowPlainException(e);
+    }
 }
