@@ -128,6 +128,11 @@ std::string LoopbackListener::Impl::Judge(const std::string& target) {
 LoopbackListener::LoopbackListener(std::string callbackPath) : impl_(std::make_unique<Impl>()) {
     impl_->callbackPath = std::move(callbackPath);
     impl_->acceptor.open(tcp::v4());
+    // The listener closes the browser's connections first, which leaves them in TIME_WAIT on
+    // this port for a minute. Without the option those would keep anyone else from binding the
+    // port that long, although nothing listens on it any more. (A second listener on the port
+    // still cannot bind; the state and PKCE make a stolen redirect worthless anyway.)
+    impl_->acceptor.set_option(tcp::acceptor::reuse_address(true));
     impl_->acceptor.bind(tcp::endpoint(asio::ip::address_v4::loopback(), 0));
     impl_->acceptor.listen();
     impl_->Accept();

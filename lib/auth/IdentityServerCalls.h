@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cpprest/details/basic_types.h>
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+// The two calls a login makes to the identity server itself; the browser makes the others.
+
+// An answer that ends the login with result 1 and this text: the identity server's refusal, or
+// an answer that cannot serve as one.
+class IdentityServerRefusal : public std::runtime_error {
+public:
+    explicit IdentityServerRefusal(std::wstring text)
+        : std::runtime_error("the identity server refused the login"), text_(std::move(text)) {}
+    const std::wstring& Text() const { return text_; }
+
+private:
+    std::wstring text_;
+};
+
+struct OpenIdEndpoints {
+    utility::string_t issuer;
+    utility::string_t authorization;
+    utility::string_t token;
+};
+
+// Reads "<identityServerUrl>/.well-known/openid-configuration".
+OpenIdEndpoints DiscoverEndpoints(const std::wstring& identityServerUrl);
+
+// Borrowed, so that the verifier keeps its one copy, the one its owner wipes.
+struct AuthorizationCodeGrant {
+    const std::string& code;
+    const std::string& redirectUri;
+    const std::string& codeVerifier;
+};
+
+// Redeems the code at the token endpoint for an access token. The client authenticates with
+// client_secret_post: id and secret as form fields beside the grant.
+std::wstring RedeemCode(const utility::string_t& tokenEndpoint, const std::string& clientId,
+                        const std::wstring& clientSecret, const AuthorizationCodeGrant& grant);

@@ -1,0 +1,97 @@
+#include "auth/FormEncoding.h"
+#include "auth/IdentityServerCalls.h"
+#include "client/SecretWipe.h"
+#include "client/TextConversion.h"
+
+#include <cpprest/http_client.h>
+#include <cpprest/json.h>
+
+namespace {
+
+// Wipes a secret string however the scope is left.
+template <class Char> class WipeOnExit {
+public:
+    explicit WipeOnExit(std::basic_string<Char>& secret) : secret_(secret) {}
+    ~WipeOnExit() { WipeSecret(secret_); }
+    WipeOnExit(const WipeOnExit&) = delete;
+    WipeOnExit& operator=(const WipeOnExit&) = delete;
+
+private:
+    std::basic_string<Char>& secret_;
+};
+
+std::string TokenRequestBody(const std::string& clientId, const std::wstring& clientSecret,
+                             const AuthorizationCodeGrant& grant) {
+    std::string body;
+    AppendFormField(body, "grant_type", "authorization_code");
+    AppendFormField(body, "code", grant.code);
+    AppendFormField(body, "redirect_uri", grant.redirectUri);
+    AppendFormField(body, "code_verifier", grant.codeVerifier);
+    AppendFormField(body, "client_id", clientId);
+    std::string secret = ToUtf8(clientSecret);
+    const WipeOnExit<char> wipeSecret(secret);
+    AppendFormField(body, "client_secret", secret);
+    return body;
+}
+
+// RFC 6749 section 5.2: error_description is for people, error the code when there is none.
+std::wstring RefusalText(const web::json::value& answer, web::http::status_code status) {
+    for (const auto* member : {U("error_description"), U("error")}) {
+        if (answer.is_object() && answer.has_string_field(member) &&
+            !answer.at(member).as_string().empty()) {
+            return ToWide(answer.at(member).as_string());
+        }
+    }
+    return L"The identity server issued no access token (HTTP " + std::to_wstring(status) + L").";
+}
+
+// Access tokens are printable ASCII (RFC 6749 appendix A.12), so the wide copy is made here
+// rather than by a converter whose buffers could not be wiped.
+std::wstring WideToken(const utility::string_t& token) {
+    std::wstring wide;
+    wide.reserve(token.size());
+    for (const auto c : token) {
+        if (c < 0x20 || c > 0x7E) {
+            WipeSecret(wide);
+            throw IdentityServerRefusal(L"The identity server issued an access token that is not "
+                                        L"printable ASCII.");
+        }
+        wide += static_cast<wchar_t>(c);
+    }
+    return wide;
+}
+
+std::wstring TakeAccessToken(web::json::value& answer, web::http::status_code status) {
+    if (status != web::http::status_codes::OK || !answer.is_object() ||
+        !answer.has_string_field(U("access_token")) ||
+        answer.at(U("access_token")).as_string().empty()) {
+        throw IdentityServerRefusal(RefusalText(answer, status));
+    }
+    // The JSON value owns the token's only other copy; the value is ours, so its text may be
+    // overwritten in place.
+    auto& token = const_cast<utility::string_t&>(answer.at(U("access_token")).as_string());
+    const WipeOnExit<utility::char_t> wipeToken(token);
+    return WideToken(token);
+}
+
+} // namespace
+
+std::wstring RedeemCode(const utility::string_t& tokenEndpoint, const std::string& clientId,
+                        const std::wstring& clientSecret, const AuthorizationCodeGrant& grant) {
+    web::http::http_request request(web::http::methods::POST);
+    request.headers().add(U("Accept"), U("application/json"));
+    {
+        std::string body = TokenRequestBody(clientId, clientSecret, grant);
+        const WipeOnExit<char> wipeBody(body);
+        request.set_body(body, "application/x-www-form-urlencoded");
+    }
+    web::http::client::http_client client(tokenEndpoint);
+    const web::http::http_response response = client.request(request).get();
+
+    utility::string_t text =
+        utility::conversions::to_string_t(response.extract_utf8string(true).get());
+    const WipeOnExit<utility::char_t> wipeText(text);
+    std::error_code notJson;
+    web::json::value answer = web::json::value::parse(text, notJson);
+    return TakeAccessToken(answer, response.status_code());
+}

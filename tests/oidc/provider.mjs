@@ -1,0 +1,136 @@
+// An OpenID provider for the identity-login tests, on loopback only.
+//
+//   node provider.mjs [port]      (port 0 or none: a free one)
+//
+// Prints "listening <port>" on stdout once it serves. Under /identity it is the identity server
+// (issuer http://127.0.0.1:<port>/identity); beside it, GET /Import/Connect plays the repository
+// service: 200 for a bearer access token this provider issued for the import resource, else 401.
+//
+// The login page is a form a person can use; a test browser skips it by sending the cookie
+// "test_decision" = "allow" (log in as alice and consent) or "deny" (refuse the login).
+import http from 'node:http';
+import Provider from 'oidc-provider';
+
+const MOUNT = '/identity';
+const CLIENT_ID = 'lxdesktop';
+const CLIENT_SECRET = '5d0c1e7a9b3f4a6c8e2d7f1b0a9c4e36';
+const IMPORT_RESOURCE = 'urn:tablerepository:import';
+const USER = 'alice';
+const DENIED_TEXT = 'alice declined to let the desktop import tables';
+
+const requestedPort = Number(process.argv[2] ?? 0);
+let provider; // set once the port, and so the issuer, is known
+
+function cookieValue(req, name) {
+  for (const part of (req.headers.cookie ?? '').split(';')) {
+    const [key, ...rest] = part.trim().split('=');
+    if (key === name) return decodeURIComponent(rest.join('='));
+  }
+  return undefined;
+}
+
+function send(res, status, body, type = 'text/plain; charset=utf-8') {
+  res.writeHead(status, { 'Content-Type': type, 'Content-Length': Buffer.byteLength(body) });
+  res.end(body);
+}
+
+async function allow(req, res) {
+  const details = await provider.interactionDetails(req, res);
+  const { params, prompt } = details;
+  const accountId = details.session?.accountId ?? USER;
+  const grant = details.grantId
+    ? await provider.Grant.find(details.grantId)
+    : new provider.Grant({ accountId, clientId: params.client_id });
+  grant.addOIDCScope(params.scope);
+  grant.addResourceScope(IMPORT_RESOURCE, 'import');
+  const grantId = await grant.save();
+  const result = { consent: { grantId } };
+  if (prompt.name === 'login') result.login = { accountId };
+  await provider.interactionFinished(req, res, result, { mergeWithLastSubmission: false });
+}
+
+async function deny(req, res) {
+  await provider.interactionFinished(
+    req, res, { error: 'access_denied', error_description: DENIED_TEXT },
+    { mergeWithLastSubmission: false });
+}
+
+async function interaction(req, res, url) {
+  const decision = url.searchParams.get('decision') ?? cookieValue(req, 'test_decision');
+  if (decision === 'allow') return allow(req, res);
+  if (decision === 'deny') return deny(req, res);
+  const here = url.pathname;
+  return send(res, 200,
+    `<!DOCTYPE html><html><body><p>Log in as ${USER} to the table repository?</p>` +
+    `<form method="get" action="${here}"><button name="decision" value="allow">Log in</button>` +
+    `<button name="decision" value="deny">Refuse</button></form></body></html>`,
+    'text/html; charset=utf-8');
+}
+
+async function importConnect(req, res) {
+  const match = /^Bearer (.+)$/.exec(req.headers.authorization ?? '');
+  const token = match ? await provider.AccessToken.find(match[1]) : undefined;
+  const valid = token && !token.isExpired && token.aud === IMPORT_RESOURCE;
+  send(res, valid ? 200 : 401, valid ? `connected as ${token.accountId}` : 'not authorized');
+}
+
+async function route(req, res) {
+  const url = new URL(req.url, 'http://127.0.0.1');
+  if (url.pathname === '/Import/Connect' && req.method === 'GET') return importConnect(req, res);
+  if (url.pathname.startsWith(`${MOUNT}/interaction/`)) return interaction(req, res, url);
+  if (url.pathname === MOUNT || url.pathname.startsWith(`${MOUNT}/`)) {
+    // The provider routes below its issuer's path and learns the mount from originalUrl.
+    req.originalUrl = req.url;
+    req.url = req.url.slice(MOUNT.length) || '/';
+    return provider.callback()(req, res);
+  }
+  return send(res, 404, 'not found');
+}
+
+const server = http.createServer((req, res) => {
+  route(req, res).catch((err) => {
+    console.error(err);
+    if (!res.headersSent) send(res, 500, String(err?.message ?? err));
+  });
+});
+
+server.listen(requestedPort, '127.0.0.1', () => {
+  const { port } = server.address();
+  const issuer = `http://127.0.0.1:${port}${MOUNT}`;
+  provider = new Provider(issuer, {
+    clients: [{
+      client_id: CLIENT_ID,
+      client_secret: CLIENT_SECRET,
+      application_type: 'native',
+      // A native client may use any port on the loopback address (RFC 8252 7.3).
+      redirect_uris: ['http://127.0.0.1/callback'],
+      grant_types: ['authorization_code'],
+      response_types: ['code'],
+      token_endpoint_auth_method: 'client_secret_post',
+    }],
+    pkce: { required: () => true },
+    features: {
+      devInteractions: { enabled: false },
+      resourceIndicators: {
+        enabled: true,
+        defaultResource: () => IMPORT_RESOURCE,
+        useGrantedResource: () => true,
+        getResourceServerInfo: (ctx, resource) => {
+          if (resource !== IMPORT_RESOURCE) throw new Provider.errors.InvalidTarget();
+          return { scope: 'import', audience: IMPORT_RESOURCE, accessTokenFormat: 'opaque' };
+        },
+      },
+    },
+    interactions: { url: (ctx, i) => `${MOUNT}/interaction/${i.uid}` },
+    findAccount: (ctx, sub) => (sub === USER ? { accountId: sub, claims: () => ({ sub }) } : undefined),
+    cookies: { keys: ['tri-test-cookie-key'] },
+    ttl: {
+      AccessToken: 600, AuthorizationCode: 60, Grant: 600, IdToken: 600, Interaction: 600,
+      Session: 600,
+    },
+  });
+  process.stdout.write(`listening ${port}\n`);
+});
+
+// The test harness stops the provider with SIGTERM; exit at once and quietly.
+process.on('SIGTERM', () => process.exit(0));
