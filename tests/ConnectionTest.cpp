@@ -3,11 +3,14 @@
 // gtest first: cpprestsdk defines a macro U that gtest's headers use as a template parameter.
 #include <gtest/gtest.h>
 
+#include "IdentityLoginSettings.h"
 #include "TableRepositoryImport.h"
+#include "client/TextConversion.h"
 #include "support/ConnectedClient.h"
 #include "support/RecordingServer.h"
 
 #include <cpprest/base_uri.h>
+#include <cpprest/http_client.h>
 #include <cpprest/http_msg.h>
 #include <cpprest/json.h>
 
@@ -16,6 +19,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <typeindex>
 #include <typeinfo>
 #include <vector>
@@ -81,7 +85,8 @@ std::optional<Thrown> ThrownBy(const std::function<void()>& call) {
     return std::nullopt;
 }
 
-const Thrown kRefused = Expected<web::http::http_exception>("Failed to connect to any resolved endpoint");
+const Thrown kRefused =
+    Expected<web::http::http_exception>("Failed to connect to any resolved endpoint");
 const Thrown kNoHostname = Expected<std::invalid_argument>("URI must contain a hostname.");
 
 // A client object as the host gets it, with a proxy and a service to talk to.
@@ -467,6 +472,216 @@ TEST_F(Connection, ASecondConnectionTestTakesTheNewestAddress) {
     EXPECT_EQ(client->IsAuthorized(L"Sales"), 1);
     EXPECT_TRUE(service.Requests().empty());
     EXPECT_EQ(Paths(secondService.Requests()), std::vector<std::string>{"/Import/Authorization"});
+}
+
+// ---------------------------------------------------------------------------------------------
+// Direct connection: login at the identity server beside the service, then "/Import/Connect"
+
+// The service with its identity server beside it, as deployments have them: one host and port,
+// the identity server under /identity. Its login answers are scripted.
+testsupport::RecordingServer::Handler ServiceWithIdentityServer(const std::string& baseUrl,
+                                                                ScriptedResponse tokenAnswer,
+                                                                int connectStatus) {
+    const std::string identity = baseUrl + "/identity";
+    const std::string discovery = "{\"issuer\":\"" + identity + "\",\"authorization_endpoint\":\"" +
+                                  identity + "/authorize\",\"token_endpoint\":\"" + identity +
+                                  "/token\"}";
+    return [=](const RecordedRequest& r, testsupport::ConnectionContext&) {
+        if (r.path == "/identity/.well-known/openid-configuration") {
+            return Answer(200, "application/json", discovery);
+        }
+        if (r.path == "/identity/authorize") {
+            return Answer(200, "text/html", "<p>Log in</p>");
+        }
+        if (r.path == "/identity/token") {
+            return tokenAnswer;
+        }
+        if (r.path.size() >= 15 && r.path.compare(r.path.size() - 15, 15, "/Import/Connect") == 0) {
+            return Answer(connectStatus);
+        }
+        return Answer(200);
+    };
+}
+
+ScriptedResponse TokenAnswer(const std::string& token) {
+    return Answer(200, "application/json",
+                  "{\"access_token\":\"" + token + "\",\"token_type\":\"Bearer\"}");
+}
+
+// The user's browser during a login, installed as the host's launcher: it opens the login page
+// and comes back to the library's loopback listener the way the identity server sends it back.
+class ScriptedBrowser {
+public:
+    enum class User { LogsIn, Refuses, NeverComesBack };
+
+    explicit ScriptedBrowser(User user) : m_user(user) {
+        TableRepositorySetLoginTimeout(user == User::NeverComesBack ? 300 : 30000);
+        TableRepositorySetBrowserLauncher(&ScriptedBrowser::Launch, this);
+    }
+    ~ScriptedBrowser() {
+        TableRepositorySetBrowserLauncher(nullptr, nullptr);
+        TableRepositorySetLoginTimeout(0);
+        if (m_visit.joinable()) {
+            m_visit.join();
+        }
+    }
+    ScriptedBrowser(const ScriptedBrowser&) = delete;
+    ScriptedBrowser& operator=(const ScriptedBrowser&) = delete;
+
+    // Waits for the visit to end; what went wrong in it, if anything.
+    std::string Finish() {
+        if (m_visit.joinable()) {
+            m_visit.join();
+        }
+        return m_failure;
+    }
+
+private:
+    static int Launch(const wchar_t* url, void* context) {
+        auto* self = static_cast<ScriptedBrowser*>(context);
+        if (self->m_user != User::NeverComesBack) {
+            const std::string page = ToUtf8(std::wstring(url));
+            self->m_visit = std::thread([self, page] { self->Visit(page); });
+        }
+        return 1;
+    }
+
+    void Visit(const std::string& loginPage) {
+        try {
+            const web::uri page(loginPage);
+            web::http::client::http_client(page).request(web::http::methods::GET).get();
+            auto query = web::uri::split_query(page.query());
+            web::uri_builder back(web::uri::decode(query[U("redirect_uri")]));
+            if (m_user == User::LogsIn) {
+                back.append_query(U("code"), U("code-1"));
+            } else {
+                back.append_query(U("error"), U("access_denied"));
+                back.append_query(U("error_description"), U("alice said no"));
+            }
+            back.append_query(U("state"), web::uri::decode(query[U("state")]), false);
+            web::http::client::http_client(back.to_uri()).request(web::http::methods::GET).get();
+        } catch (const std::exception& e) {
+            m_failure = e.what();
+        }
+    }
+
+    User m_user;
+    std::thread m_visit;
+    std::string m_failure;
+};
+
+TEST_F(Connection, DirectConnectionLogsInBesideTheServiceAndConnectsWithTheToken) {
+    using User = ScriptedBrowser::User;
+    struct Case {
+        const char* name;
+        std::string version;
+        User user;
+        ScriptedResponse tokenAnswer;
+        int connectStatus;
+        int status;
+        const wchar_t* errorText;
+        bool connectCalled;
+    };
+    const ScriptedResponse token = TokenAnswer("tok-1");
+    const Case cases[] = {
+        {"connected", "2.0.0", User::LogsIn, token, 200, Connected, L"", true},
+        {"any text that starts with 2", "2", User::LogsIn, token, 200, Connected, L"", true},
+        {"connect answered 401", "2.0.0", User::LogsIn, token, 401, NotAuthorized, L"", true},
+        {"connect answered 500", "2.0.0", User::LogsIn, token, 500, ConnectionFailed, L"", true},
+        {"connect answered 204", "2.0.0", User::LogsIn, token, 204, ConnectionFailed, L"", true},
+        {"the user refuses the login", "2.0.0", User::Refuses, token, 200, AuthenticationFailed,
+         L"alice said no", false},
+        {"the identity server refuses the code", "2.0.0", User::LogsIn,
+         Answer(400, "application/json",
+                "{\"error\":\"invalid_grant\",\"error_description\":\"code used before\"}"),
+         200, AuthenticationFailed, L"code used before", false},
+        {"the user never comes back", "2.0.0", User::NeverComesBack, token, 200,
+         AuthenticationFailed, L"Authentication timeout", false},
+    };
+    for (const Case& c : cases) {
+        NewClient();
+        service.SetHandler(
+            ServiceWithIdentityServer(service.BaseUrl(), c.tokenAnswer, c.connectStatus));
+        ScriptedBrowser browser(c.user);
+        const TestConnectionResult result =
+            Connect({VersionAnswer(c.version)}, service.BaseUrl() + "/repo");
+        EXPECT_EQ(browser.Finish(), "") << "case: " << c.name;
+
+        EXPECT_EQ(result.status, c.status) << "case: " << c.name;
+        EXPECT_EQ(result.errorText, CString(c.errorText)) << "case: " << c.name;
+        EXPECT_EQ(result.version, Wide(c.version)) << "case: " << c.name;
+        EXPECT_TRUE(result.details.IsEmpty()) << "case: " << c.name;
+        EXPECT_EQ(Paths(proxy.Requests()), (std::vector<std::string>{"/register", "/register"}))
+            << "case: " << c.name;
+
+        // The identity server is found at the service's host and port, not below its path.
+        const std::vector<RecordedRequest> requests = service.Requests();
+        ASSERT_FALSE(requests.empty()) << "case: " << c.name;
+        EXPECT_EQ(requests[0].path, "/identity/.well-known/openid-configuration")
+            << "case: " << c.name;
+        std::vector<RecordedRequest> connects;
+        for (const RecordedRequest& r : requests) {
+            if (r.path.find("/Import/") != std::string::npos) {
+                connects.push_back(r);
+            }
+        }
+        ASSERT_EQ(connects.size(), c.connectCalled ? 1u : 0u) << "case: " << c.name;
+        if (c.connectCalled) {
+            EXPECT_EQ(connects[0].method, "GET") << "case: " << c.name;
+            EXPECT_EQ(connects[0].path, "/repo/Import/Connect") << "case: " << c.name;
+            EXPECT_EQ(connects[0].HeaderValue("Authorization").value_or(""), "Bearer tok-1")
+                << "case: " << c.name;
+            EXPECT_EQ(connects[0].HeaderCount("Content-Type"), 0u) << "case: " << c.name;
+            EXPECT_EQ(connects[0].body, "") << "case: " << c.name;
+        }
+
+        // The token is kept for every later request, whatever the connect call answered.
+        service.Clear();
+        EXPECT_EQ(client->IsAuthorized(L"Sales"), 1) << "case: " << c.name;
+        ASSERT_EQ(Paths(service.Requests()), std::vector<std::string>{"/Import/Authorization"})
+            << "case: " << c.name;
+        EXPECT_EQ(service.Requests()[0].HeaderValue("Authorization").value_or("none"),
+                  c.connectCalled ? "Bearer tok-1" : "none")
+            << "case: " << c.name;
+    }
+}
+
+TEST_F(Connection, ATokenOutlivesAFailedLoginAndALaterProxyConnection) {
+    using User = ScriptedBrowser::User;
+    service.SetHandler(ServiceWithIdentityServer(service.BaseUrl(), TokenAnswer("tok-1"), 200));
+    {
+        ScriptedBrowser browser(User::LogsIn);
+        ASSERT_EQ(Connect({VersionAnswer("2.0.0")}, service.BaseUrl()).status, Connected);
+    }
+    const auto authorizationOfNextRequest = [&] {
+        service.Clear();
+        proxy.Clear();
+        EXPECT_EQ(client->IsAuthorized(L"Sales"), 1);
+        EXPECT_TRUE(proxy.Requests().empty());
+        const std::vector<RecordedRequest> requests = service.Requests();
+        return requests.size() == 1 ? requests[0].HeaderValue("Authorization").value_or("none")
+                                    : "requests: " + std::to_string(requests.size());
+    };
+
+    {
+        ScriptedBrowser browser(User::Refuses);
+        proxy.Enqueue(VersionAnswer("2.0.0"));
+        EXPECT_EQ(client->TestConnection(Wide(service.BaseUrl())).status, AuthenticationFailed);
+    }
+    EXPECT_EQ(authorizationOfNextRequest(), "Bearer tok-1");
+
+    proxy.Enqueue(VersionAnswer("1.0.0-lxproxy-2.1"));
+    proxy.Enqueue(Answer(200));
+    EXPECT_EQ(client->TestConnection(Wide(service.BaseUrl())).status, Connected);
+    EXPECT_EQ(authorizationOfNextRequest(), "Bearer tok-1");
+
+    service.SetHandler(ServiceWithIdentityServer(service.BaseUrl(), TokenAnswer("tok-2"), 200));
+    {
+        ScriptedBrowser browser(User::LogsIn);
+        proxy.Enqueue(VersionAnswer("2.0.0"));
+        EXPECT_EQ(client->TestConnection(Wide(service.BaseUrl())).status, Connected);
+    }
+    EXPECT_EQ(authorizationOfNextRequest(), "Bearer tok-2");
 }
 
 // ---------------------------------------------------------------------------------------------

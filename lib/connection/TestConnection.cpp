@@ -14,10 +14,11 @@ namespace {
 // Both proxy calls of the connection test carry the same three parameters.
 web::http::http_response AskProxy(const CAuthenticationProxyConfiguration& proxy,
                                   const CString& path) {
-    return SendProxyCall(proxy.proxyBaseUri, path,
-                         {{U("lxclient"), proxy.clientName},
-                          {U("lxserver"), proxy.serverName},
-                          {U("lxauth"), CString(ProxyAuthenticationKind(proxy.authenticationType))}});
+    return SendProxyCall(
+        proxy.proxyBaseUri, path,
+        {{U("lxclient"), proxy.clientName},
+         {U("lxserver"), proxy.serverName},
+         {U("lxauth"), CString(ProxyAuthenticationKind(proxy.authenticationType))}});
 }
 
 int ConnectStatus(web::http::status_code status) {
