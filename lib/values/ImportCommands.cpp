@@ -1,6 +1,7 @@
 #include "TableRepositoryImport.h"
 
 #include "client/ServiceRequest.h"
+#include "values/ValueImport.h"
 
 // The import's phase commands: a POST of the JSON text null to a path under /Import/Tables whose
 // last segment names the command, accepted only with 200.
@@ -10,23 +11,6 @@ namespace {
 int SendImportCommand(const AuthenticationSettings& settings, ServiceAddress& address) {
     return AcceptOnly(PostToService(settings, address.ToString(), web::json::value::null()),
                       web::http::status_codes::OK);
-}
-
-ServiceAddress AttributeAddress(const std::wstring& service, const CString& table,
-                                const utility::string_t& phase, const CString& attribute) {
-    ServiceAddress address(service, U("/Import/Tables"));
-    address.AppendName(table).AppendWord(phase).AppendName(attribute);
-    return address;
-}
-
-// Walks the host's list head to tail and stops at the first attribute the service refuses.
-template <class Command> int UntilRefused(CList<CRepoAttribute*>* attributes, Command command) {
-    for (POSITION pos = attributes->GetHeadPosition(); pos != nullptr;) {
-        if (command(attributes->GetNext(pos)) == 0) {
-            return 0;
-        }
-    }
-    return 1;
 }
 
 } // namespace

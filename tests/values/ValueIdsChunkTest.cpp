@@ -1,0 +1,166 @@
+// ImportValueIdsChunk: the columns that reach the service, the worker thread on which the host's
+// records are read, and the flattening of failures into a plain std::exception.
+#include <gtest/gtest.h>
+
+#include "values/HostRecords.h"
+
+#include "support/ConnectedClient.h"
+#include "support/RecordingServer.h"
+
+#include <algorithm>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+using testsupport::ConnectionContext;
+using testsupport::ConnectedClient;
+using testsupport::RecordedRequest;
+using testsupport::RecordingServer;
+using testsupport::ScriptedResponse;
+using namespace valuestest;
+
+namespace {
+
+struct ColumnCase {
+    const char* name;
+    std::vector<std::string> attributes;
+    std::function<int(int, int)> idOf;
+    long first;
+    long last;
+    int reserved;
+    std::vector<std::string> bodies;  // one per attribute, in list order
+    std::size_t hostCalls;            // GetValueIds and GetValueId, together
+};
+
+const ColumnCase kColumnCases[] = {
+    {"one attribute", {"a"}, [](int, int row) { return row * 3; }, 0, 4, 0, {"[0,3,6,9]"}, 8},
+    {"three attributes, offset rows", {"a", "b", "c"},
+     [](int k, int row) { return 1000 * k + row; }, 5, 8, 0,
+     {"[5,6,7]", "[1005,1006,1007]", "[2005,2006,2007]"}, 18},
+    {"negative ids stay negative numbers", {"n", "p"},
+     [](int k, int row) { return k == 0 ? -row - 1 : row; }, 0, 3, 0, {"[-1,-2,-3]", "[0,1,2]"},
+     12},
+    {"extreme ids", {"x"},
+     [](int, int row) { return row == 0 ? -2147483647 - 1 : 2147483647; }, 0, 2, 0,
+     {"[-2147483648,2147483647]"}, 4},
+    {"negative rows", {"r"}, [](int, int row) { return row; }, -2, 1, 0, {"[-2,-1,0]"}, 6},
+    {"reserved 1 changes nothing", {"a"}, [](int, int row) { return row; }, 0, 2, 1, {"[0,1]"}, 4},
+    {"reserved -7 changes nothing", {"a"}, [](int, int row) { return row; }, 0, 2, -7, {"[0,1]"},
+     4},
+    {"empty range", {"a", "b"}, [](int, int row) { return row; }, 3, 3, 0, {"[]", "[]"}, 0},
+    {"reversed range", {"a", "b", "c"}, [](int, int row) { return row; }, 9, 2, 0,
+     {"[]", "[]", "[]"}, 0},
+};
+
+class ValueIdsChunk : public ::testing::Test {
+protected:
+    RecordingServer service;
+    EventClock clock;
+};
+
+TEST_F(ValueIdsChunk, SendsOneColumnPerAttributeInRowOrder) {
+    ConnectedClient client(service.BaseUrl());
+    for (const ColumnCase& c : kColumnCases) {
+        service.Clear();
+        HostLog log(clock);
+        Attributes attributes(log, c.attributes, c.idOf);
+        EXPECT_EQ(client->ImportValueIdsChunk(L"Sales Q1", c.first, c.last, attributes.List(),
+                                              c.reserved),
+                  1)
+            << "case: " << c.name;
+        const auto requests = service.Requests();
+        ASSERT_EQ(requests.size(), c.attributes.size()) << "case: " << c.name;
+        for (std::size_t k = 0; k < requests.size(); ++k) {
+            EXPECT_EQ(requests[k].target, "/Import/Tables/Sales%20Q1/ValueIds/" + c.attributes[k])
+                << "case: " << c.name;
+            EXPECT_EQ(requests[k].body, c.bodies[k]) << "case: " << c.name;
+            EXPECT_EQ(requests[k].HeaderValue("Content-Type").value_or("<none>"),
+                      "application/json")
+                << "case: " << c.name;
+        }
+        const auto calls = log.Names();
+        const auto valueCalls = std::count_if(calls.begin(), calls.end(), [](const std::string& s) {
+            return s.rfind("GetName", 0) != 0;
+        });
+        EXPECT_EQ(static_cast<std::size_t>(valueCalls), c.hostCalls) << "case: " << c.name;
+    }
+}
+
+TEST_F(ValueIdsChunk, ReadsRowByRowAcrossAttributesAskingForTheReaderEachTime) {
+    ConnectedClient client(service.BaseUrl());
+    HostLog log(clock);
+    Attributes attributes(log, {"a", "b"});
+    ASSERT_EQ(client->ImportValueIdsChunk(L"T", 1, 3, attributes.List(), 0), 1);
+    EXPECT_EQ(log.Names(), (std::vector<std::string>{
+                               "GetValueIds(a)", "GetValueId(a,1)", "GetValueIds(b)",
+                               "GetValueId(b,1)", "GetValueIds(a)", "GetValueId(a,2)",
+                               "GetValueIds(b)", "GetValueId(b,2)", "GetName(a)", "GetName(b)"}));
+}
+
+// The caller is parked while a worker thread reads the host's records; every id of the chunk is
+// read before the first request reaches the service.
+TEST_F(ValueIdsChunk, ReadsTheHostOnOneWorkerThreadBeforeTheFirstRequest) {
+    std::mutex arrivalsMutex;
+    std::vector<int> arrivals;
+    service.SetHandler([&](const RecordedRequest&, ConnectionContext&) {
+        std::lock_guard<std::mutex> lock(arrivalsMutex);
+        arrivals.push_back(clock.Tick());
+        return ScriptedResponse{};
+    });
+    ConnectedClient client(service.BaseUrl());
+    HostLog log(clock);
+    Attributes attributes(log, {"a", "b", "c"});
+    ASSERT_EQ(client->ImportValueIdsChunk(L"T", 0, 200, attributes.List(), 0), 1);
+
+    const auto calls = log.Calls();
+    std::set<std::thread::id> threads;
+    int lastIdRead = -1;
+    for (const HostCall& call : calls) {
+        threads.insert(call.thread);
+        if (call.what.rfind("GetValueId", 0) == 0) {
+            lastIdRead = std::max(lastIdRead, call.tick);
+        }
+    }
+    EXPECT_EQ(threads.size(), 1u);
+    EXPECT_EQ(threads.count(std::this_thread::get_id()), 0u);
+    std::lock_guard<std::mutex> lock(arrivalsMutex);
+    ASSERT_EQ(arrivals.size(), 3u);
+    EXPECT_LT(lastIdRead, arrivals.front());
+}
+
+TEST_F(ValueIdsChunk, HostExceptionsReachTheCallerAsPlainStdException) {
+    const struct {
+        const char* failOn;
+        std::size_t requests;
+    } cases[] = {
+        {"GetValueIds(b)", 0}, {"GetValueId(a,0)", 0}, {"GetValueId(c,1)", 0}, {"GetName(b)", 1},
+    };
+    ConnectedClient client(service.BaseUrl());
+    for (const auto& c : cases) {
+        service.Clear();
+        HostLog log(clock);
+        log.failOn = c.failOn;
+        Attributes attributes(log, {"a", "b", "c"});
+        const Caught caught =
+            CatchFrom([&] { client->ImportValueIdsChunk(L"T", 0, 2, attributes.List(), 0); });
+        EXPECT_EQ(caught.type, "std::exception") << "case: " << c.failOn;
+        EXPECT_EQ(caught.message, "boom") << "case: " << c.failOn;
+        EXPECT_EQ(service.Requests().size(), c.requests) << "case: " << c.failOn;
+    }
+}
+
+TEST_F(ValueIdsChunk, TransportFailureReachesTheCallerAsPlainStdException) {
+    const std::string unreachable = UnreachableServiceUrl();
+    ConnectedClient client(unreachable);
+    HostLog log(clock);
+    Attributes attributes(log, {"a"});
+    const Caught caught =
+        CatchFrom([&] { client->ImportValueIdsChunk(L"T", 0, 1, attributes.List(), 0); });
+    EXPECT_EQ(caught.type, "std::exception");
+    EXPECT_EQ(caught.message, TransportFailureMessage(unreachable + "/Import/Tables/T/ValueIds/a"));
+}
+
+} // namespace
