@@ -7,6 +7,7 @@
 #include "TableRepositoryImport.h"
 #include "client/TextConversion.h"
 #include "support/ConnectedClient.h"
+#include "support/OidcProvider.h"
 #include "support/RecordingServer.h"
 
 #include <cpprest/base_uri.h>
@@ -512,7 +513,9 @@ ScriptedResponse TokenAnswer(const std::string& token) {
 // and comes back to the library's loopback listener the way the identity server sends it back.
 class ScriptedBrowser {
 public:
-    enum class User { LogsIn, Refuses, NeverComesBack };
+    // LogsIn and Refuses come back with a scripted answer; AtProvider, the user decides at a
+    // real identity server's login page.
+    enum class User { LogsIn, Refuses, NeverComesBack, LogsInAtProvider, RefusesAtProvider };
 
     explicit ScriptedBrowser(User user) : m_user(user) {
         TableRepositorySetLoginTimeout(user == User::NeverComesBack ? 300 : 30000);
@@ -548,6 +551,16 @@ private:
 
     void Visit(const std::string& loginPage) {
         try {
+            if (m_user == User::LogsInAtProvider || m_user == User::RefusesAtProvider) {
+                const testsupport::BrowserPage last =
+                    testsupport::TestBrowser(m_user == User::LogsInAtProvider ? "allow" : "deny")
+                        .Visit(loginPage);
+                if (last.status != 200) {
+                    m_failure = "the login ended on a page with status " +
+                                std::to_string(last.status) + ": " + last.url;
+                }
+                return;
+            }
             const web::uri page(loginPage);
             web::http::client::http_client(page).request(web::http::methods::GET).get();
             auto query = web::uri::split_query(page.query());
@@ -643,6 +656,32 @@ TEST_F(Connection, DirectConnectionLogsInBesideTheServiceAndConnectsWithTheToken
         EXPECT_EQ(service.Requests()[0].HeaderValue("Authorization").value_or("none"),
                   c.connectCalled ? "Bearer tok-1" : "none")
             << "case: " << c.name;
+    }
+}
+
+// The same against a real OpenID provider that also plays the service's "/Import/Connect": it
+// accepts only an access token it issued for the import service.
+TEST_F(Connection, DirectConnectionAtARealOpenIdProvider) {
+    using User = ScriptedBrowser::User;
+    struct Case {
+        const char* name;
+        User user;
+        int status;
+        CString errorText;
+    };
+    const Case cases[] = {
+        {"alice logs in", User::LogsInAtProvider, Connected, L""},
+        {"alice refuses", User::RefusesAtProvider, AuthenticationFailed,
+         Wide(testsupport::kOidcDeniedText)},
+    };
+    testsupport::OidcProvider provider;
+    for (const Case& c : cases) {
+        NewClient();
+        ScriptedBrowser browser(c.user);
+        const TestConnectionResult result = Connect({VersionAnswer("2.0.0")}, provider.BaseUrl());
+        EXPECT_EQ(browser.Finish(), "") << "case: " << c.name;
+        EXPECT_EQ(result.status, c.status) << "case: " << c.name;
+        EXPECT_EQ(result.errorText, c.errorText) << "case: " << c.name;
     }
 }
 
