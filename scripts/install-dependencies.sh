@@ -12,7 +12,7 @@ packages=(
   libcpprest-dev libboost-dev libboost-system-dev libssl-dev
   libkrb5-dev gss-ntlmssp
   libgtest-dev libbenchmark-dev
-  libsqlite3-dev sqlite3
+  libsqlite3-dev sqlite3 nlohmann-json3-dev
   libcli11-dev libcsv-dev libcurl4-openssl-dev
 )
 # The OpenID provider the login tests run against is a Node program.

@@ -1,0 +1,29 @@
+// --auth bearer: requests under /identity go on to the OpenID provider unchanged (method, path
+// below /identity, query, headers, body) and its answer comes back unchanged, redirects and
+// cookies included. The library looks for its identity server at <service>/identity, so the
+// provider must be configured with that issuer.
+#pragma once
+
+#include "Http.h"
+#include "Url.h"
+
+#include <string>
+
+namespace lxrepo {
+
+class IdentityPassthrough {
+public:
+    static constexpr const char* prefix = "/identity";
+
+    // upstream: the provider's base URL; "/identity/x" goes to upstream + "/x".
+    // Throws std::invalid_argument for anything but an http:// URL.
+    explicit IdentityPassthrough(const std::string& upstream);
+
+    static bool Owns(const std::string& path);
+    Response Handle(const Request& request, const Target& target) const;
+
+private:
+    BaseUrl upstream_;
+};
+
+} // namespace lxrepo

@@ -1,0 +1,219 @@
+// GoogleTest comes first: cpprestsdk's function-like macro U() breaks its templates.
+#include <gtest/gtest.h>
+
+#include "ServerFixture.h"
+
+#include <cpprest/http_client.h>
+#include <nlohmann/json.hpp>
+#include <sqlite3.h>
+
+#include <atomic>
+#include <filesystem>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace servertest {
+
+namespace fs = std::filesystem;
+using web::http::client::http_client;
+
+TempDirectory::TempDirectory() {
+    static std::atomic<int> counter{0};
+    path_ = ::testing::TempDir() + "lxrepo-" + std::to_string(getpid()) + "-" +
+            std::to_string(counter++);
+    fs::remove_all(path_);
+    fs::create_directories(path_);
+}
+
+TempDirectory::~TempDirectory() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+}
+
+lxrepo::ServerOptions DefaultOptions(const std::string& database) {
+    lxrepo::ServerOptions options;
+    options.http.address = "127.0.0.1";
+    options.http.port = 0;
+    options.database = database;
+    return options;
+}
+
+RunningServer::RunningServer(lxrepo::ServerOptions options)
+    : address_(options.http.address),
+      server_(std::make_unique<lxrepo::LxrepoServer>(std::move(options))) {
+    server_->Start();
+}
+
+RunningServer::~RunningServer() { server_->Stop(); }
+
+std::string RunningServer::Url() const {
+    return "http://" + address_ + ":" + std::to_string(server_->Port());
+}
+
+Answer Send(const std::string& baseUrl, const std::string& method,
+            const std::vector<Segment>& path, const std::optional<std::string>& body,
+            const std::vector<std::pair<std::string, std::string>>& query) {
+    web::uri_builder builder{web::uri(baseUrl)};
+    for (const auto& segment : path) {
+        builder.append_path(segment.text, segment.encode);
+    }
+    for (const auto& [name, value] : query) {
+        builder.append_query(name, value, true);
+    }
+    http_client client(builder.to_uri());
+    web::http::http_request request(method);
+    if (body) {
+        request.headers().set_content_type("application/json");
+        request.set_body(*body, "application/json");
+    }
+    const auto response = client.request(request).get();
+    Answer answer;
+    answer.status = response.status_code();
+    answer.contentType = response.headers().content_type();
+    answer.body = response.extract_utf8string(true).get();
+    return answer;
+}
+
+Answer PostImport(const std::string& baseUrl, const std::string& id,
+                  const std::vector<Segment>& rest, const std::string& body) {
+    std::vector<Segment> path = {Word("/Import/Tables"), Name(id)};
+    path.insert(path.end(), rest.begin(), rest.end());
+    return Send(baseUrl, "POST", path, body);
+}
+
+Answer CreateTable(const std::string& baseUrl, const std::string& name, int recordCount,
+                   bool overwrite, std::string* id) {
+    const nlohmann::json body = {{"recordCount", recordCount},
+                                 {"tableClass", "Sales"},
+                                 {"tableDescription", "created by a test"},
+                                 {"tableName", name},
+                                 {"tableOverwrite", overwrite}};
+    Answer answer = Send(baseUrl, "POST", {Word("/Import/Tables")}, body.dump());
+    if (answer.status == 201 && id != nullptr) {
+        *id = nlohmann::json::parse(answer.body).at("tableID").get<std::string>();
+    }
+    return answer;
+}
+
+std::string AttributeDocument(const std::vector<std::string>& names) {
+    nlohmann::json document = nlohmann::json::array();
+    for (const auto& name : names) {
+        nlohmann::json attribute = {{"AttributeName", name}, {"Type", 3}, {"Format", "#,##0"},
+                                    {"LCID", 1033}, {"Level", 0}, {"Id", "id-" + name},
+                                    {"EvalMode", 0}, {"SummaryType", 0},
+                                    {"ValueRanges", nlohmann::json::array()},
+                                    {"Cases", nlohmann::json::array()}};
+        for (const char* flag :
+             {"IsGroup", "IsSummary", "IsFormula", "IsClassification", "IsCaseDiscrimination",
+              "IsLink", "IsPermanentlyHidden", "UserDefinedOrder", "MissingValuesAsZero",
+              "Reverse", "IsExpanded", "IsCoupled", "IsFirstCoupledAttribute",
+              "IsLastCoupledAttributeLeads", "IsCoupledAttributeSortedReverse",
+              "IsDrillDownGroup"}) {
+            attribute[flag] = false;
+        }
+        for (const char* text : {"Source", "SummaryPerAttribute", "ClassifiedAttribute",
+                                 "Formula", "ReferencedAttributes", "MarginalValue",
+                                 "CoupledAttributes", "Parent", "ReferencedDrillDownGroup"}) {
+            attribute[text] = "";
+        }
+        document.push_back(attribute);
+    }
+    return document.dump();
+}
+
+namespace {
+
+std::string Chunk(const std::vector<std::string>& values, std::size_t from, std::size_t to) {
+    return nlohmann::json(std::vector<std::string>(values.begin() + from, values.begin() + to))
+        .dump();
+}
+
+std::string Chunk(const std::vector<int>& ids, std::size_t from, std::size_t to) {
+    return nlohmann::json(std::vector<int>(ids.begin() + from, ids.begin() + to)).dump();
+}
+
+} // namespace
+
+int ImportWholeTable(const std::string& baseUrl, const TableData& table, bool overwrite) {
+    const int rows = table.valueIds.empty() ? 0 : static_cast<int>(table.valueIds[0].size());
+    std::string id;
+    const Answer created = CreateTable(baseUrl, table.name, rows, overwrite, &id);
+    if (created.status != 201) {
+        return created.status;
+    }
+    const auto expectOk = [](const Answer& answer) { return answer.status == 200; };
+    Answer answer = PostImport(baseUrl, id, {Word("Attributes")}, AttributeDocument(table.attributes));
+    if (!expectOk(answer)) {
+        return answer.status;
+    }
+    for (std::size_t a = 0; a < table.attributes.size(); ++a) {
+        const auto& values = table.distinctValues[a];
+        const std::size_t half = values.size() / 2;
+        for (const auto& [rest, body] :
+             std::vector<std::pair<std::vector<Segment>, std::string>>{
+                 {{Word("DistinctValues"), Name(table.attributes[a]), Word("Begin")}, "null"},
+                 {{Word("DistinctValues"), Name(table.attributes[a])}, Chunk(values, 0, half)},
+                 {{Word("DistinctValues"), Name(table.attributes[a])},
+                  Chunk(values, half, values.size())},
+                 {{Word("DistinctValues"), Name(table.attributes[a]), Word("End")}, "null"}}) {
+            answer = PostImport(baseUrl, id, rest, body);
+            if (!expectOk(answer)) {
+                return answer.status;
+            }
+        }
+    }
+    for (const auto& attribute : table.attributes) {
+        answer = PostImport(baseUrl, id, {Word("ValueIds"), Name(attribute), Word("Begin")}, "null");
+        if (!expectOk(answer)) {
+            return answer.status;
+        }
+    }
+    const auto total = static_cast<std::size_t>(rows);
+    for (const auto& [from, to] : {std::pair<std::size_t, std::size_t>{0, total / 2},
+                                   std::pair<std::size_t, std::size_t>{total / 2, total}}) {
+        for (std::size_t a = 0; a < table.attributes.size(); ++a) {
+            answer = PostImport(baseUrl, id, {Word("ValueIds"), Name(table.attributes[a])},
+                                Chunk(table.valueIds[a], from, to));
+            if (!expectOk(answer)) {
+                return answer.status;
+            }
+        }
+    }
+    for (const auto& attribute : table.attributes) {
+        answer = PostImport(baseUrl, id, {Word("ValueIds"), Name(attribute), Word("End")}, "null");
+        if (!expectOk(answer)) {
+            return answer.status;
+        }
+    }
+    return PostImport(baseUrl, id, {Word("End")}, "null").status;
+}
+
+std::vector<Row> QueryRows(const std::string& database, const std::string& sql) {
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+        sqlite3_close(db);
+        throw std::runtime_error("cannot open " + database);
+    }
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+        const std::string message = sqlite3_errmsg(db);
+        sqlite3_close(db);
+        throw std::runtime_error(message);
+    }
+    std::vector<Row> rows;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+        Row row;
+        for (int c = 0; c < sqlite3_column_count(statement); ++c) {
+            const auto* text = sqlite3_column_text(statement, c);
+            row.push_back(text == nullptr ? std::nullopt
+                                          : std::optional<std::string>(
+                                                reinterpret_cast<const char*>(text)));
+        }
+        rows.push_back(std::move(row));
+    }
+    sqlite3_finalize(statement);
+    sqlite3_close(db);
+    return rows;
+}
+
+} // namespace servertest

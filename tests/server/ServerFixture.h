@@ -1,0 +1,88 @@
+// What the lxrepo-server tests share: a server started in-process on a free loopback port with a
+// fresh SQLite file, requests in the client library's wire form, and the SQL file read back.
+#pragma once
+
+#include "LxrepoServer.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace servertest {
+
+// A directory of its own under the test temp dir, removed at the end.
+class TempDirectory {
+public:
+    TempDirectory();
+    ~TempDirectory();
+    TempDirectory(const TempDirectory&) = delete;
+    TempDirectory& operator=(const TempDirectory&) = delete;
+    std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+// Options for an in-process server on 127.0.0.1, port 0, with the given database.
+lxrepo::ServerOptions DefaultOptions(const std::string& database);
+
+class RunningServer {
+public:
+    explicit RunningServer(lxrepo::ServerOptions options);
+    ~RunningServer();
+    std::string Url() const; // "http://<address>:<port>"
+    unsigned short Port() const { return server_->Port(); }
+    lxrepo::LxrepoServer& Server() { return *server_; }
+
+private:
+    std::string address_;
+    std::unique_ptr<lxrepo::LxrepoServer> server_;
+};
+
+struct Answer {
+    int status = 0;
+    std::string contentType;
+    std::string body;
+};
+
+// A request the way the client library sends one: a fresh cpprestsdk client per call, the
+// path built with uri_builder (fixed words as they are, names percent-encoded as segments) and
+// the body as application/json.
+struct Segment {
+    std::string text;
+    bool encode = false;
+};
+Answer Send(const std::string& baseUrl, const std::string& method,
+            const std::vector<Segment>& path, const std::optional<std::string>& body,
+            const std::vector<std::pair<std::string, std::string>>& query = {});
+
+// Shorthand for the import endpoints: "/Import/Tables" / id / words..., id and names encoded.
+Answer PostImport(const std::string& baseUrl, const std::string& id,
+                  const std::vector<Segment>& rest, const std::string& body);
+inline Segment Word(const std::string& text) { return {text, false}; }
+inline Segment Name(const std::string& text) { return {text, true}; }
+
+// POST /Import/Tables; returns the answer and, for 201, the id.
+Answer CreateTable(const std::string& baseUrl, const std::string& name, int recordCount,
+                   bool overwrite, std::string* id = nullptr);
+
+// A whole import in the library's order; the distinct values and the ids each go in two
+// chunks. columns[c] holds attribute c's distinct values, ids[c] its ids, row by row.
+// Returns the status of the first call that is not answered as expected, or 200.
+struct TableData {
+    std::string name;
+    std::vector<std::string> attributes;
+    std::vector<std::vector<std::string>> distinctValues;
+    std::vector<std::vector<int>> valueIds;
+};
+int ImportWholeTable(const std::string& baseUrl, const TableData& table, bool overwrite = false);
+
+// Every row of a query; NULL as nullopt. Opens the file read-only.
+using Row = std::vector<std::optional<std::string>>;
+std::vector<Row> QueryRows(const std::string& database, const std::string& sql);
+
+// The attribute document in the library's form for these names (35 members each).
+std::string AttributeDocument(const std::vector<std::string>& names);
+
+} // namespace servertest
