@@ -2,6 +2,7 @@
 
 // The one header a host includes to publish a table to the table repository service.
 
+#include "IdentityLoginSettings.h"
 #include "TableRepositoryImportExport.h"
 #include "host/AttributeDefinitionRecords.h"
 #include "host/AuthenticationProxyConfiguration.h"
