@@ -194,23 +194,6 @@ TEST_F(Connection, RegistrationRefusedByTheProxyReturnsAndTheConnectionTestUsesI
               "lxclient=desk%201&lxserver=" + service.BaseUrl() + "&lxauth=oauth");
 }
 
-TEST_F(Connection, ASecondRegistrationReplacesTheStoredConfiguration) {
-    RecordingServer secondProxy;
-    client->RegisterWithAuthenticationProxy(Configuration(proxy));
-    CAuthenticationProxyConfiguration second = Configuration(secondProxy, 1);
-    second.registrationPath = L"/hello";
-    second.clientName = L"desk-2";
-    client->RegisterWithAuthenticationProxy(second);
-
-    secondProxy.Enqueue(VersionAnswer("1.0.0"));
-    client->TestConnection(Wide(service.BaseUrl()));
-    EXPECT_EQ(proxy.Requests().size(), 1u);
-    ASSERT_EQ(secondProxy.Requests().size(), 2u);
-    EXPECT_EQ(secondProxy.Requests()[1].path, "/hello");
-    EXPECT_EQ(secondProxy.Requests()[1].query,
-              "lxclient=desk-2&lxserver=" + service.BaseUrl() + "&lxauth=oauth");
-}
-
 TEST_F(Connection, RegistrationThatCannotReachTheProxyThrowsButHasStoredTheConfiguration) {
     struct Case {
         const char* name;
@@ -393,86 +376,62 @@ TEST_F(Connection, OutcomeFollowsTheVersionAndTheConnectAnswer) {
     }
 }
 
-TEST_F(Connection, AnUnreadableVersionAnswerThrowsAfterTheServiceAddressIsSet) {
+TEST_F(Connection, AVersionCallThatFailsBelowItsStatusThrowsAfterTheServiceAddressIsSet) {
+    enum class Proxy { Answers, NeverRegistered, NobodyListens };
     struct Case {
         const char* name;
+        Proxy proxyState;
         ScriptedResponse answer;
         Thrown thrown;
     };
+    const auto jsonError = Expected<web::json::json_exception>;
     const Case cases[] = {
-        {"declared as plain text",
+        {"declared as plain text", Proxy::Answers,
          Answer(200, "text/plain", "{\"version\":\"1.0.0-lxproxy-2.1\"}"),
          Expected<web::http::http_exception>(
              "Incorrect Content-Type: must be textual to extract_string, JSON to extract_json.")},
-        {"declared as JSON but is not", Answer(200, "application/json", "version=1.0.0"),
-         Expected<web::json::json_exception>("* Line 1, Column 2 Syntax error: Malformed token")},
-        {"no body and no content type: read as null", Answer(200),
-         Expected<web::json::json_exception>("not a string")},
-        {"no version member", Answer(200, "application/json", "{\"Version\":\"1.0.0\"}"),
-         Expected<web::json::json_exception>("not a string")},
-        {"numeric version", Answer(200, "application/json", "{\"version\":2}"),
-         Expected<web::json::json_exception>("not a string")},
-        {"null version", Answer(200, "application/json", "{\"version\":null}"),
-         Expected<web::json::json_exception>("not a string")},
-        {"an array instead of an object", Answer(200, "application/json", "[\"1.0.0\"]"),
-         Expected<web::json::json_exception>("not an object")},
+        {"declared as JSON but is not", Proxy::Answers,
+         Answer(200, "application/json", "version=1.0.0"),
+         jsonError("* Line 1, Column 2 Syntax error: Malformed token")},
+        {"no body and no content type: read as null", Proxy::Answers, Answer(200),
+         jsonError("not a string")},
+        {"no version member", Proxy::Answers,
+         Answer(200, "application/json", "{\"Version\":\"1.0.0\"}"), jsonError("not a string")},
+        {"numeric version", Proxy::Answers, Answer(200, "application/json", "{\"version\":2}"),
+         jsonError("not a string")},
+        {"null version", Proxy::Answers, Answer(200, "application/json", "{\"version\":null}"),
+         jsonError("not a string")},
+        {"an array instead of an object", Proxy::Answers,
+         Answer(200, "application/json", "[\"1.0.0\"]"), jsonError("not an object")},
+        {"never registered: no proxy address to create a client for", Proxy::NeverRegistered,
+         Answer(200), kNoHostname},
+        {"registered proxy that nobody listens on", Proxy::NobodyListens, Answer(200), kRefused},
     };
     for (const Case& c : cases) {
         NewClient();
-        proxy.Enqueue(Answer(200));
-        proxy.Enqueue(c.answer);
-        client->RegisterWithAuthenticationProxy(Configuration(proxy));
-        EXPECT_EQ(ThrownBy([&] { client->TestConnection(Wide(service.BaseUrl() + "/repo")); }),
-                  c.thrown)
-            << "case: " << c.name;
-        EXPECT_EQ(proxy.Requests().size(), 2u) << "case: " << c.name;
-
-        // The address was taken before the proxy was asked.
-        EXPECT_EQ(client->IsAuthorized(L"Sales"), 1) << "case: " << c.name;
-        EXPECT_EQ(Paths(service.Requests()), std::vector<std::string>{"/Import/Authorization"})
-            << "case: " << c.name;
-        EXPECT_EQ(proxy.Requests().size(), 2u) << "case: " << c.name;
-    }
-}
-
-TEST_F(Connection, AProxyThatCannotBeAskedThrowsAfterTheServiceAddressIsSet) {
-    struct Case {
-        const char* name;
-        bool registered;
-        Thrown thrown;
-    };
-    const Case cases[] = {
-        {"never registered: no proxy address to create a client for", false, kNoHostname},
-        {"registered proxy that nobody listens on", true, kRefused},
-    };
-    for (const Case& c : cases) {
-        NewClient();
-        if (c.registered) {
+        if (c.proxyState == Proxy::Answers) {
+            proxy.Enqueue(Answer(200));
+            proxy.Enqueue(c.answer);
+            client->RegisterWithAuthenticationProxy(Configuration(proxy));
+        }
+        if (c.proxyState == Proxy::NobodyListens) {
             CAuthenticationProxyConfiguration config = Configuration(proxy);
             config.proxyBaseUri = Wide(RefusedUrl());
             EXPECT_EQ(ThrownBy([&] { client->RegisterWithAuthenticationProxy(config); }), kRefused)
                 << "case: " << c.name;
         }
-        EXPECT_EQ(ThrownBy([&] { client->TestConnection(Wide(service.BaseUrl())); }), c.thrown)
+        EXPECT_EQ(ThrownBy([&] { client->TestConnection(Wide(service.BaseUrl() + "/repo")); }),
+                  c.thrown)
             << "case: " << c.name;
+        const std::size_t askedProxy = proxy.Requests().size();
+        EXPECT_EQ(askedProxy, c.proxyState == Proxy::Answers ? 2u : 0u) << "case: " << c.name;
 
+        // The address was taken before the proxy was asked.
         EXPECT_EQ(client->IsAuthorized(L"Sales"), 1) << "case: " << c.name;
         EXPECT_EQ(Paths(service.Requests()), std::vector<std::string>{"/Import/Authorization"})
             << "case: " << c.name;
+        EXPECT_EQ(proxy.Requests().size(), askedProxy) << "case: " << c.name;
     }
-}
-
-TEST_F(Connection, ASecondConnectionTestTakesTheNewestAddress) {
-    RecordingServer secondService;
-    ASSERT_EQ(Connect({VersionAnswer("1.0.0")}, service.BaseUrl()).status, VersionNotSupported);
-    proxy.Enqueue(VersionAnswer("1.0.0"));
-    ASSERT_EQ(client->TestConnection(Wide(secondService.BaseUrl())).status, VersionNotSupported);
-    EXPECT_EQ(proxy.Requests().back().query,
-              "lxclient=desk%201&lxserver=" + secondService.BaseUrl() + "&lxauth=windows");
-
-    EXPECT_EQ(client->IsAuthorized(L"Sales"), 1);
-    EXPECT_TRUE(service.Requests().empty());
-    EXPECT_EQ(Paths(secondService.Requests()), std::vector<std::string>{"/Import/Authorization"});
 }
 
 // ---------------------------------------------------------------------------------------------
