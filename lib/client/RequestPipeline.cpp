@@ -1,6 +1,7 @@
 #include "client/RequestPipeline.h"
 
 #include "auth/NtlmHandshake.h"
+#include "auth/ProxyCall.h"
 #include "client/TextConversion.h"
 
 using web::http::header_names;
@@ -22,10 +23,6 @@ void AttachJsonBody(http_request& request, const web::json::value& body,
     // header set first is the one that goes out.
     request.headers().set_content_type(contentType);
     request.set_body(utility::conversions::to_utf8string(body.serialize()), "application/json");
-}
-
-const utility::char_t* ProxyAuthenticationKind(int authenticationType) {
-    return authenticationType == 1 ? U("oauth") : U("windows");
 }
 
 bool IsLocalEndpoint(const http_client& client) {
