@@ -101,9 +101,11 @@ Response LxrepoServer::HandleImport(Request& request, ConnectionState& connectio
         return std::move(*authentication.challenge);
     }
     Caller caller{*authentication.user, *authentication.user};
-    // Only the proxy's own account may say on whose behalf it calls.
+    // Only the proxy's own account may say on whose behalf it calls; without authentication
+    // every caller is as trusted as any other.
     const std::string client = HeaderValue(request, "X-Lxrepo-Client");
-    if (!client.empty() && Trusted(options_.trustedProxies, caller.user)) {
+    if (!client.empty() &&
+        (options_.auth == AuthKind::None || Trusted(options_.trustedProxies, caller.user))) {
         caller.client = PercentDecode(client).value_or(client);
     }
     auto segments = DecodePathSegments(path);

@@ -5,6 +5,8 @@
 
 #include <gssapi/gssapi_ext.h>
 
+#include <memory>
+
 namespace lxrepo {
 
 namespace {
@@ -84,21 +86,39 @@ std::string NtlmInitiator::Authenticate(const std::string& challenge) {
 
 Response SendWithNtlm(HttpConnection& connection, Request request, const std::string& targetHost,
                       const std::optional<NtlmCredentials>& credentials) {
-    NtlmInitiator initiator(targetHost, credentials);
+    std::unique_ptr<NtlmInitiator> initiator;
+    std::string missingCredentials;
+    try {
+        initiator = std::make_unique<NtlmInitiator>(targetHost, credentials);
+    } catch (const HttpError& error) {
+        // A service without authentication needs none; one that wants NTLM says so below.
+        missingCredentials = error.what();
+    }
     request.keep_alive(true);
-    request.set(http::field::authorization, "NTLM " + EncodeBase64(initiator.Negotiate()));
+    if (initiator) {
+        request.set(http::field::authorization, "NTLM " + EncodeBase64(initiator->Negotiate()));
+    }
     Request first = request;
     Response answer = connection.Send(first);
     const auto header = answer.find(http::field::www_authenticate);
     if (answer.result() != http::status::unauthorized || header == answer.end() ||
-        header->value().substr(0, 5) != "NTLM ") {
+        header->value().substr(0, 4) != "NTLM") {
         return answer;
+    }
+    if (!initiator) {
+        throw HttpError(http::status::bad_gateway,
+                        "the service wants NTLM, but the proxy has no credentials: " +
+                            missingCredentials);
+    }
+    if (header->value().size() <= 5) {
+        return answer; // the negotiate message itself was refused
     }
     const auto challenge = DecodeBase64(std::string(header->value().substr(5)));
     if (!challenge) {
         throw HttpError(http::status::bad_gateway, "the service sent a malformed NTLM challenge");
     }
-    request.set(http::field::authorization, "NTLM " + EncodeBase64(initiator.Authenticate(*challenge)));
+    request.set(http::field::authorization,
+                "NTLM " + EncodeBase64(initiator->Authenticate(*challenge)));
     return connection.Send(request);
 }
 

@@ -52,7 +52,7 @@ std::string RunningServer::Url() const {
 
 Answer Send(const std::string& baseUrl, const std::string& method,
             const std::vector<Segment>& path, const std::optional<std::string>& body,
-            const std::vector<std::pair<std::string, std::string>>& query) {
+            const Query& query) {
     web::uri_builder builder{web::uri(baseUrl)};
     for (const auto& segment : path) {
         builder.append_path(segment.text, segment.encode);
@@ -74,21 +74,29 @@ Answer Send(const std::string& baseUrl, const std::string& method,
     return answer;
 }
 
-Answer PostImport(const std::string& baseUrl, const std::string& id,
-                  const std::vector<Segment>& rest, const std::string& body) {
-    std::vector<Segment> path = {Word("/Import/Tables"), Name(id)};
-    path.insert(path.end(), rest.begin(), rest.end());
-    return Send(baseUrl, "POST", path, body);
+Answer Send(const Via& via, const std::string& method, std::vector<Segment> path,
+            const std::optional<std::string>& body) {
+    if (!via.forwardPrefix.empty()) {
+        path.insert(path.begin(), Word(via.forwardPrefix));
+    }
+    return Send(via.baseUrl, method, path, body, via.query);
 }
 
-Answer CreateTable(const std::string& baseUrl, const std::string& name, int recordCount,
-                   bool overwrite, std::string* id) {
+Answer PostImport(const Via& via, const std::string& id, const std::vector<Segment>& rest,
+                  const std::string& body) {
+    std::vector<Segment> path = {Word("/Import/Tables"), Name(id)};
+    path.insert(path.end(), rest.begin(), rest.end());
+    return Send(via, "POST", path, body);
+}
+
+Answer CreateTable(const Via& via, const std::string& name, int recordCount, bool overwrite,
+                   std::string* id) {
     const nlohmann::json body = {{"recordCount", recordCount},
                                  {"tableClass", "Sales"},
                                  {"tableDescription", "created by a test"},
                                  {"tableName", name},
                                  {"tableOverwrite", overwrite}};
-    Answer answer = Send(baseUrl, "POST", {Word("/Import/Tables")}, body.dump());
+    Answer answer = Send(via, "POST", {Word("/Import/Tables")}, body.dump());
     if (answer.status == 201 && id != nullptr) {
         *id = nlohmann::json::parse(answer.body).at("tableID").get<std::string>();
     }
@@ -134,15 +142,15 @@ std::string Chunk(const std::vector<int>& ids, std::size_t from, std::size_t to)
 
 } // namespace
 
-int ImportWholeTable(const std::string& baseUrl, const TableData& table, bool overwrite) {
+int ImportWholeTable(const Via& via, const TableData& table, bool overwrite) {
     const int rows = table.valueIds.empty() ? 0 : static_cast<int>(table.valueIds[0].size());
     std::string id;
-    const Answer created = CreateTable(baseUrl, table.name, rows, overwrite, &id);
+    const Answer created = CreateTable(via, table.name, rows, overwrite, &id);
     if (created.status != 201) {
         return created.status;
     }
     const auto expectOk = [](const Answer& answer) { return answer.status == 200; };
-    Answer answer = PostImport(baseUrl, id, {Word("Attributes")}, AttributeDocument(table.attributes));
+    Answer answer = PostImport(via, id, {Word("Attributes")}, AttributeDocument(table.attributes));
     if (!expectOk(answer)) {
         return answer.status;
     }
@@ -156,14 +164,14 @@ int ImportWholeTable(const std::string& baseUrl, const TableData& table, bool ov
                  {{Word("DistinctValues"), Name(table.attributes[a])},
                   Chunk(values, half, values.size())},
                  {{Word("DistinctValues"), Name(table.attributes[a]), Word("End")}, "null"}}) {
-            answer = PostImport(baseUrl, id, rest, body);
+            answer = PostImport(via, id, rest, body);
             if (!expectOk(answer)) {
                 return answer.status;
             }
         }
     }
     for (const auto& attribute : table.attributes) {
-        answer = PostImport(baseUrl, id, {Word("ValueIds"), Name(attribute), Word("Begin")}, "null");
+        answer = PostImport(via, id, {Word("ValueIds"), Name(attribute), Word("Begin")}, "null");
         if (!expectOk(answer)) {
             return answer.status;
         }
@@ -172,7 +180,7 @@ int ImportWholeTable(const std::string& baseUrl, const TableData& table, bool ov
     for (const auto& [from, to] : {std::pair<std::size_t, std::size_t>{0, total / 2},
                                    std::pair<std::size_t, std::size_t>{total / 2, total}}) {
         for (std::size_t a = 0; a < table.attributes.size(); ++a) {
-            answer = PostImport(baseUrl, id, {Word("ValueIds"), Name(table.attributes[a])},
+            answer = PostImport(via, id, {Word("ValueIds"), Name(table.attributes[a])},
                                 Chunk(table.valueIds[a], from, to));
             if (!expectOk(answer)) {
                 return answer.status;
@@ -180,12 +188,12 @@ int ImportWholeTable(const std::string& baseUrl, const TableData& table, bool ov
         }
     }
     for (const auto& attribute : table.attributes) {
-        answer = PostImport(baseUrl, id, {Word("ValueIds"), Name(attribute), Word("End")}, "null");
+        answer = PostImport(via, id, {Word("ValueIds"), Name(attribute), Word("End")}, "null");
         if (!expectOk(answer)) {
             return answer.status;
         }
     }
-    return PostImport(baseUrl, id, {Word("End")}, "null").status;
+    return PostImport(via, id, {Word("End")}, "null").status;
 }
 
 std::vector<Row> QueryRows(const std::string& database, const std::string& sql) {

@@ -46,37 +46,54 @@ struct Answer {
     std::string body;
 };
 
-// A request the way the client library sends one: a fresh cpprestsdk client per call, the
-// path built with uri_builder (fixed words as they are, names percent-encoded as segments) and
-// the body as application/json.
 struct Segment {
     std::string text;
     bool encode = false;
 };
-Answer Send(const std::string& baseUrl, const std::string& method,
-            const std::vector<Segment>& path, const std::optional<std::string>& body,
-            const std::vector<std::pair<std::string, std::string>>& query = {});
-
-// Shorthand for the import endpoints: "/Import/Tables" / id / words..., id and names encoded.
-Answer PostImport(const std::string& baseUrl, const std::string& id,
-                  const std::vector<Segment>& rest, const std::string& body);
 inline Segment Word(const std::string& text) { return {text, false}; }
 inline Segment Name(const std::string& text) { return {text, true}; }
 
+using Query = std::vector<std::pair<std::string, std::string>>;
+
+// Where import calls go: straight to the service, or through the proxy's forwarding prefix
+// with the proxy's three query parameters, as the client library sends them.
+struct Via {
+    Via(std::string base) : baseUrl(std::move(base)) {} // NOLINT: a URL is a direct route
+    Via(std::string proxyUrl, std::string prefix, Query parameters)
+        : baseUrl(std::move(proxyUrl)), forwardPrefix(std::move(prefix)),
+          query(std::move(parameters)) {}
+    std::string baseUrl;
+    std::string forwardPrefix;
+    Query query;
+};
+
+// A request the way the client library sends one: a fresh cpprestsdk client per call, the
+// path built with uri_builder (fixed words as they are, names percent-encoded as segments), the
+// query values encoded, the body as application/json.
+Answer Send(const std::string& baseUrl, const std::string& method,
+            const std::vector<Segment>& path, const std::optional<std::string>& body,
+            const Query& query = {});
+Answer Send(const Via& via, const std::string& method, std::vector<Segment> path,
+            const std::optional<std::string>& body);
+
+// POST "/Import/Tables" / id / rest..., id and names encoded.
+Answer PostImport(const Via& via, const std::string& id, const std::vector<Segment>& rest,
+                  const std::string& body);
+
 // POST /Import/Tables; returns the answer and, for 201, the id.
-Answer CreateTable(const std::string& baseUrl, const std::string& name, int recordCount,
-                   bool overwrite, std::string* id = nullptr);
+Answer CreateTable(const Via& via, const std::string& name, int recordCount, bool overwrite,
+                   std::string* id = nullptr);
 
 // A whole import in the library's order; the distinct values and the ids each go in two
-// chunks. columns[c] holds attribute c's distinct values, ids[c] its ids, row by row.
-// Returns the status of the first call that is not answered as expected, or 200.
+// chunks. distinctValues[c] are attribute c's distinct values, valueIds[c] its ids row by row.
+// Returns the status of the first call not answered as expected, or 200 for a completed End.
 struct TableData {
     std::string name;
     std::vector<std::string> attributes;
     std::vector<std::vector<std::string>> distinctValues;
     std::vector<std::vector<int>> valueIds;
 };
-int ImportWholeTable(const std::string& baseUrl, const TableData& table, bool overwrite = false);
+int ImportWholeTable(const Via& via, const TableData& table, bool overwrite = false);
 
 // Every row of a query; NULL as nullopt. Opens the file read-only.
 using Row = std::vector<std::optional<std::string>>;
