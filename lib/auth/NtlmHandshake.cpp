@@ -151,7 +151,7 @@ pplx::task<http_response> RunNtlmHandshake(http_client& client, http_request& re
     const std::vector<unsigned char> authenticateToken =
         AuthenticateToken(context, ChallengeBytes(challengeText));
 
-    //connectionReleased.wait();
+    connectionReleased.wait();
     original.RestoreInto(request);
     request.headers().remove(web::http::header_names::authorization);
     request.headers().add(web::http::header_names::authorization,
