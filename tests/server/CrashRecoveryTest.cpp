@@ -6,65 +6,24 @@
 #include "ServerFixture.h"
 
 #include <csignal>
-#include <cstdio>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
 using namespace servertest;
 
-// lxrepo-server --port 0 --database FILE, its port read from the first line of its output.
-class ChildServer {
+// lxrepo-server --port 0 --database FILE as a child process.
+class ChildServer : public ChildProcess {
 public:
-    explicit ChildServer(const std::string& database) {
-        int output[2];
-        if (pipe(output) != 0) {
-            throw std::runtime_error("pipe failed");
-        }
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(output[1], STDOUT_FILENO);
-            close(output[0]);
-            close(output[1]);
-            execl(LXREPO_SERVER_BINARY, LXREPO_SERVER_BINARY, "--port", "0", "--database",
-                  database.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(output[1]);
-        FILE* stream = fdopen(output[0], "r");
-        char line[64] = {};
-        const bool read = std::fgets(line, sizeof line, stream) != nullptr;
-        std::fclose(stream);
-        if (!read) {
-            Stop(SIGKILL);
-            throw std::runtime_error("lxrepo-server printed no port");
-        }
-        url_ = "http://127.0.0.1:" + std::to_string(std::stoi(line));
-    }
-    ~ChildServer() {
-        if (pid_ > 0) {
-            Stop(SIGKILL);
-        }
-    }
-
+    explicit ChildServer(const std::string& database)
+        : ChildProcess({LXREPO_SERVER_BINARY, "--port", "0", "--database", database}),
+          url_("http://127.0.0.1:" + std::to_string(Port())) {}
     const std::string& Url() const { return url_; }
 
-    // Sends the signal and returns the wait status.
-    int Stop(int signal) {
-        kill(pid_, signal);
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return status;
-    }
-
 private:
-    pid_t pid_ = -1;
     std::string url_;
 };
 

@@ -7,9 +7,16 @@
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+
 #include <atomic>
+#include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <stdexcept>
+
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace servertest {
@@ -71,6 +78,7 @@ Answer Send(const std::string& baseUrl, const std::string& method,
     answer.status = response.status_code();
     answer.contentType = response.headers().content_type();
     answer.body = response.extract_utf8string(true).get();
+    response.headers().match("WWW-Authenticate", answer.wwwAuthenticate);
     return answer;
 }
 
@@ -194,6 +202,59 @@ int ImportWholeTable(const Via& via, const TableData& table, bool overwrite) {
         }
     }
     return PostImport(via, id, {Word("End")}, "null").status;
+}
+
+ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
+    int output[2];
+    if (pipe(output) != 0) {
+        throw std::runtime_error("pipe failed");
+    }
+    std::vector<char*> arguments;
+    for (const auto& argument : argv) {
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    }
+    arguments.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+        dup2(output[1], STDOUT_FILENO);
+        close(output[0]);
+        close(output[1]);
+        execv(arguments[0], arguments.data());
+        _exit(127);
+    }
+    close(output[1]);
+    FILE* stream = fdopen(output[0], "r");
+    char line[128] = {};
+    const bool read = std::fgets(line, sizeof line, stream) != nullptr;
+    std::fclose(stream);
+    const std::string text = line;
+    const auto digits = text.find_first_of("0123456789");
+    if (!read || digits == std::string::npos) {
+        Stop(SIGKILL);
+        throw std::runtime_error(argv[0] + " printed no port");
+    }
+    port_ = static_cast<unsigned short>(std::stoi(text.substr(digits)));
+}
+
+ChildProcess::~ChildProcess() {
+    if (pid_ > 0) {
+        Stop(SIGKILL);
+    }
+}
+
+int ChildProcess::Stop(int signal) {
+    kill(pid_, signal);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return status;
+}
+
+unsigned short FreePort(const std::string& address) {
+    boost::asio::io_context context;
+    boost::asio::ip::tcp::acceptor acceptor(
+        context, {boost::asio::ip::make_address(address), 0});
+    return acceptor.local_endpoint().port();
 }
 
 std::vector<Row> QueryRows(const std::string& database, const std::string& sql) {

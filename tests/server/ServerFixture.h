@@ -44,6 +44,7 @@ struct Answer {
     int status = 0;
     std::string contentType;
     std::string body;
+    std::string wwwAuthenticate;
 };
 
 struct Segment {
@@ -94,6 +95,29 @@ struct TableData {
     std::vector<std::vector<int>> valueIds;
 };
 int ImportWholeTable(const Via& via, const TableData& table, bool overwrite = false);
+
+// A program run as a child process whose first line of output is its port (lxrepo-server
+// prints the number, the test OpenID provider "listening <port>").
+class ChildProcess {
+public:
+    // Throws std::runtime_error when the program ends without printing a line.
+    explicit ChildProcess(const std::vector<std::string>& argv);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    unsigned short Port() const { return port_; }
+    // Sends the signal, waits, and returns the wait status.
+    int Stop(int signal);
+
+private:
+    int pid_ = -1;
+    unsigned short port_ = 0;
+};
+
+// A port that was free a moment ago (bound and released), for a server whose address must be
+// known before it starts.
+unsigned short FreePort(const std::string& address = "127.0.0.1");
 
 // Every row of a query; NULL as nullopt. Opens the file read-only.
 using Row = std::vector<std::optional<std::string>>;
