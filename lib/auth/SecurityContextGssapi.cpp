@@ -32,8 +32,8 @@ struct NtlmSecurityContext::Handles {
         OM_uint32 minor = 0;
         gss_buffer_desc output = GSS_C_EMPTY_BUFFER;
         const OM_uint32 major = gss_init_sec_context(
-            &minor, credentials, &context, target, &ntlmMechanism, requestedFlags,
-            GSS_C_INDEFINITE, GSS_C_NO_CHANNEL_BINDINGS, input, nullptr, &output, nullptr, nullptr);
+            &minor, credentials, &context, target, &ntlmMechanism, requestedFlags, GSS_C_INDEFINITE,
+            GSS_C_NO_CHANNEL_BINDINGS, input, nullptr, &output, nullptr, nullptr);
         const auto* bytes = static_cast<const unsigned char*>(output.value);
         token.assign(bytes, bytes + output.length);
         gss_release_buffer(&minor, &output);
@@ -75,7 +75,6 @@ SecurityStatus NtlmSecurityContext::Negotiate(std::vector<unsigned char>& token)
 
 SecurityStatus NtlmSecurityContext::Authenticate(const std::vector<unsigned char>& challenge,
                                                  std::vector<unsigned char>& token) {
-    gss_buffer_desc input = {challenge.size(),
-                             const_cast<unsigned char*>(challenge.data())};
+    gss_buffer_desc input = {challenge.size(), const_cast<unsigned char*>(challenge.data())};
     return handles_->Step(&input, token);
 }

@@ -3,7 +3,9 @@
 #ifndef SECURITY_WIN32
 #define SECURITY_WIN32
 #endif
+// windows.h must come first: security.h relies on its types.
 #include <windows.h>
+
 #include <security.h>
 
 #include <utility>
@@ -61,8 +63,8 @@ NtlmSecurityContext::NtlmSecurityContext(const std::string& /*targetHost: SSPI n
     // step fails, and the handshake reports that.
     wchar_t package[] = L"NTLM";
     const SECURITY_STATUS status =
-        AcquireCredentialsHandleW(nullptr, package, SECPKG_CRED_OUTBOUND, nullptr, nullptr,
-                                  nullptr, nullptr, &handles_->credentials, nullptr);
+        AcquireCredentialsHandleW(nullptr, package, SECPKG_CRED_OUTBOUND, nullptr, nullptr, nullptr,
+                                  nullptr, &handles_->credentials, nullptr);
     handles_->haveCredentials = status == SEC_E_OK;
 }
 

@@ -194,8 +194,8 @@ ScriptedResponse NtlmAcceptor::Answer(const RecordedRequest& request,
             gss_buffer_desc output = GSS_C_EMPTY_BUFFER;
             gss_name_t source = GSS_C_NO_NAME;
             const OM_uint32 major = gss_accept_sec_context(
-                &minor, &pending->context, credentials_->handle, &input,
-                GSS_C_NO_CHANNEL_BINDINGS, &source, nullptr, &output, nullptr, nullptr, nullptr);
+                &minor, &pending->context, credentials_->handle, &input, GSS_C_NO_CHANNEL_BINDINGS,
+                &source, nullptr, &output, nullptr, nullptr, nullptr);
             if (major == GSS_S_COMPLETE) {
                 response = ScriptedResponse{};
                 response.status = 200;
