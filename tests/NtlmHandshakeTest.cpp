@@ -22,11 +22,6 @@
 #include <utility>
 #include <vector>
 
-// gss-ntlmssp 1.2 never frees the MD4 digest it fetches from OpenSSL when it hashes a password;
-// that leak is OpenSSL-allocated and not ours. Handles left unreleased by us are allocated by
-// the GSSAPI libraries themselves and stay visible.
-extern "C" const char* __lsan_default_suppressions() { return "leak:libcrypto.so.3\n"; }
-
 namespace {
 
 using testsupport::ConnectionContext;
