@@ -109,7 +109,8 @@ void CreateDataTable(sqlite3* db, const CommitTable& table) {
             if (id < 0) {
                 row.BindNull(parameter);
             } else {
-                row.BindText(parameter, (*table.columns[c].distinctValues)[static_cast<std::size_t>(id)]);
+                row.BindText(parameter,
+                             (*table.columns[c].distinctValues)[static_cast<std::size_t>(id)]);
             }
         }
         row.Step();

@@ -56,7 +56,8 @@ std::string ClientCredentials::AccessToken() {
     }
     token_ = body["access_token"].get<std::string>();
     const auto expires = body.find("expires_in");
-    const int lifetime = expires != body.end() && expires->is_number_integer() ? expires->get<int>() : 60;
+    const int lifetime =
+        expires != body.end() && expires->is_number_integer() ? expires->get<int>() : 60;
     renewAt_ = now + std::chrono::seconds(std::max(0, lifetime - 30));
     return token_;
 }

@@ -115,12 +115,13 @@ void Validate(const ServerOptions& options) {
         throw CLI::ValidationError("--auth bearer needs --introspection-url");
     }
     const auto& proxy = options.proxy;
-    for (const auto* path : {&proxy.registrationPath, &proxy.unregistrationPath,
-                             &proxy.connectPath, &proxy.forwardPrefix}) {
+    for (const auto* path : {&proxy.registrationPath, &proxy.unregistrationPath, &proxy.connectPath,
+                             &proxy.forwardPrefix}) {
         if (path->empty() || path->front() != '/' || path->rfind("/Import", 0) == 0 ||
             path->rfind("/identity", 0) == 0) {
             throw CLI::ValidationError("proxy paths start with '/' and stay clear of /Import "
-                                       "and /identity: " + *path);
+                                       "and /identity: " +
+                                       *path);
         }
     }
 }

@@ -62,7 +62,9 @@ HttpServer::HttpServer(Settings settings, Handler handler)
 
 HttpServer::~HttpServer() { Stop(); }
 
-void HttpServer::Start() { acceptThread_ = std::thread([this] { AcceptLoop(); }); }
+void HttpServer::Start() {
+    acceptThread_ = std::thread([this] { AcceptLoop(); });
+}
 
 void HttpServer::Stop() {
     if (stopping_.exchange(true)) {
@@ -104,14 +106,47 @@ void HttpServer::AcceptLoop() {
             }
         }
         if (id == 0) {
-            AnswerAndDrain(socket,
-                           PlainError(http::status::service_unavailable, "too many open connections"));
+            AnswerAndDrain(
+                socket, PlainError(http::status::service_unavailable, "too many open connections"));
             continue;
         }
         std::thread([this, id, c = Connection{std::move(context), std::move(socket)}]() mutable {
             Serve(std::move(c), id);
         }).detach();
     }
+}
+
+std::optional<Request> HttpServer::ReadRequest(tcp::socket& socket, beast::flat_buffer& buffer) {
+    http::request_parser<http::string_body> parser;
+    parser.header_limit(maxHeaderBytes);
+    parser.body_limit(settings_.maxBodyBytes);
+    beast::error_code ec;
+    http::read_header(socket, buffer, parser, ec);
+    if (!ec && beast::iequals(parser.get()[http::field::expect], "100-continue")) {
+        http::response<http::empty_body> proceed(http::status::continue_, 11);
+        http::write(socket, proceed, ec);
+    }
+    if (!ec) {
+        http::read(socket, buffer, parser, ec);
+    }
+    // Beast refuses a Content-Length above the limit with the header, a chunked body on the way.
+    if (ec == http::error::body_limit) {
+        AnswerAndDrain(socket, PlainError(http::status::payload_too_large,
+                                          "request body exceeds the limit of " +
+                                              std::to_string(settings_.maxBodyBytes) + " bytes"));
+        return std::nullopt;
+    }
+    const bool brokenRequest =
+        ec && ec.category() == http::make_error_code(http::error::bad_target).category() &&
+        ec != http::error::end_of_stream && ec != http::error::partial_message;
+    if (brokenRequest) {
+        AnswerAndDrain(socket, PlainError(http::status::bad_request,
+                                          "malformed HTTP request: " + ec.message()));
+    }
+    if (ec) {
+        return std::nullopt; // also the peer's close, the idle timeout and Stop()
+    }
+    return parser.release();
 }
 
 void HttpServer::Serve(Connection connection, std::uint64_t id) {
@@ -122,43 +157,11 @@ void HttpServer::Serve(Connection connection, std::uint64_t id) {
     beast::flat_buffer buffer;
     beast::error_code ec;
     while (!stopping_ && !ec) {
-        http::request_parser<http::string_body> parser;
-        parser.header_limit(maxHeaderBytes);
-        parser.body_limit(settings_.maxBodyBytes);
-        http::read_header(socket, buffer, parser, ec);
-        if (ec == http::error::end_of_stream || ec == boost::asio::error::eof ||
-            ec == boost::asio::error::would_block || ec == boost::asio::error::try_again) {
+        std::optional<Request> next = ReadRequest(socket, buffer);
+        if (!next) {
             break;
         }
-        // Beast already refuses a Content-Length above the body limit with the header.
-        if (ec == http::error::body_limit) {
-            AnswerAndDrain(socket, PlainError(http::status::payload_too_large,
-                                              "request body exceeds the limit of " +
-                                                  std::to_string(settings_.maxBodyBytes) +
-                                                  " bytes"));
-            break;
-        }
-        if (ec) {
-            AnswerAndDrain(socket, PlainError(http::status::bad_request,
-                                              "malformed HTTP request: " + ec.message()));
-            break;
-        }
-        if (beast::iequals(parser.get()[http::field::expect], "100-continue")) {
-            http::response<http::empty_body> proceed(http::status::continue_, 11);
-            http::write(socket, proceed, ec);
-        }
-        http::read(socket, buffer, parser, ec);
-        if (ec == http::error::body_limit) {
-            AnswerAndDrain(socket, PlainError(http::status::payload_too_large,
-                                              "request body exceeds the limit of " +
-                                                  std::to_string(settings_.maxBodyBytes) +
-                                                  " bytes"));
-            break;
-        }
-        if (ec) {
-            break;
-        }
-        Request request = parser.release();
+        Request& request = *next;
         Response response;
         try {
             response = handler_(request, state);

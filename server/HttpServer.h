@@ -6,6 +6,7 @@
 #include "Http.h"
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
 
 #include <atomic>
 #include <condition_variable>
@@ -14,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -26,7 +28,7 @@ public:
     struct Settings {
         std::string address = "127.0.0.1";
         unsigned short port = 0;
-        std::size_t maxBodyBytes = 64 * 1024 * 1024;
+        std::size_t maxBodyBytes = 256 * 1024 * 1024;
         std::size_t maxConnections = 256;
         int idleSeconds = 120;
     };
@@ -54,6 +56,10 @@ private:
 
     void AcceptLoop();
     void Serve(Connection connection, std::uint64_t id);
+    // The next request of a connection; nullopt when the connection is over (a broken or
+    // oversized request has then been answered).
+    std::optional<Request> ReadRequest(boost::asio::ip::tcp::socket& socket,
+                                       boost::beast::flat_buffer& buffer);
 
     Settings settings_;
     Handler handler_;

@@ -21,8 +21,7 @@ bool HopByHop(boost::beast::string_view name) {
     return false;
 }
 
-template <class Message, class Source>
-void CopyHeaders(Message& to, const Source& from) {
+template <class Message, class Source> void CopyHeaders(Message& to, const Source& from) {
     for (const auto& field : from) {
         if (!HopByHop(field.name_string())) {
             to.insert(field.name_string(), field.value());
@@ -50,8 +49,7 @@ Response IdentityPassthrough::Handle(const Request& request, const Target& targe
     if (path.empty()) {
         path = "/";
     }
-    Request outgoing(request.method(), path + (target.query.empty() ? "" : "?" + target.query),
-                     11);
+    Request outgoing(request.method(), path + (target.query.empty() ? "" : "?" + target.query), 11);
     CopyHeaders(outgoing, request);
     const std::string host = HeaderValue(request, "Host");
     if (!host.empty()) {

@@ -37,9 +37,8 @@ const json& Member(const json& object, const char* key, json::value_t type, cons
     if (found == object.end()) {
         BadRequest(std::string("the body lacks the member \"") + key + "\"");
     }
-    const bool matches = type == json::value_t::number_integer
-                             ? found->is_number_integer()
-                             : found->type() == type;
+    const bool matches =
+        type == json::value_t::number_integer ? found->is_number_integer() : found->type() == type;
     if (!matches) {
         BadRequest(std::string("\"") + key + "\" must be " + typeName);
     }
@@ -48,9 +47,9 @@ const json& Member(const json& object, const char* key, json::value_t type, cons
 
 void RequireMethod(const Request& request, http::verb method) {
     if (request.method() != method) {
-        throw HttpError(http::status::method_not_allowed,
-                        std::string(request.method_string()) + " is not allowed here; use " +
-                            std::string(http::to_string(method)));
+        throw HttpError(http::status::method_not_allowed, std::string(request.method_string()) +
+                                                              " is not allowed here; use " +
+                                                              std::string(http::to_string(method)));
     }
 }
 
@@ -95,9 +94,8 @@ Response ImportRoutes::Connect(const Request& request, const Caller& caller) {
 }
 
 void ImportRoutes::CheckClassAllowed(const std::string& tableClass) const {
-    if (!allowedClasses_.empty() &&
-        std::find(allowedClasses_.begin(), allowedClasses_.end(), tableClass) ==
-            allowedClasses_.end()) {
+    if (!allowedClasses_.empty() && std::find(allowedClasses_.begin(), allowedClasses_.end(),
+                                              tableClass) == allowedClasses_.end()) {
         throw HttpError(http::status::forbidden,
                         "tables of class \"" + tableClass + "\" may not be imported here");
     }
@@ -129,8 +127,7 @@ Response ImportRoutes::CreateTable(const Request& request, const Caller& caller)
         Member(body, "tableDescription", json::value_t::string, "a string").get<std::string>();
     table.overwrite =
         Member(body, "tableOverwrite", json::value_t::boolean, "true or false").get<bool>();
-    const auto& count =
-        Member(body, "recordCount", json::value_t::number_integer, "an integer");
+    const auto& count = Member(body, "recordCount", json::value_t::number_integer, "an integer");
     if (count.is_number_unsigned() && count.get<std::uint64_t>() > 0x7fffffffu) {
         BadRequest("\"recordCount\" is too large");
     }
@@ -182,8 +179,8 @@ Response ImportRoutes::TableCommand(const Request& request,
 // rest: the attribute's name, maybe followed by "Begin" or "End". The client leaves a '/' in
 // an attribute name unencoded, so a name may span several segments: the longest reading that
 // names a known attribute wins.
-Response ImportRoutes::Phase(const Request& request, const std::string& id,
-                             const std::string& kind, std::vector<std::string> rest) {
+Response ImportRoutes::Phase(const Request& request, const std::string& id, const std::string& kind,
+                             std::vector<std::string> rest) {
     const bool distinct = kind == "DistinctValues";
     const std::string whole = Join(rest.begin(), rest.end());
     const bool command = rest.size() >= 2 && (rest.back() == "Begin" || rest.back() == "End") &&

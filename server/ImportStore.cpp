@@ -109,8 +109,8 @@ struct ImportStore::Import {
 
     void RequirePhase(const Attribute& attribute, Phase phase, const char* what) const {
         if (attribute.phase != phase) {
-            Conflict(std::string(what) + " is out of order: attribute \"" + attribute.name +
-                     "\" " + Describe(attribute.phase));
+            Conflict(std::string(what) + " is out of order: attribute \"" + attribute.name + "\" " +
+                     Describe(attribute.phase));
         }
     }
 };
@@ -262,16 +262,16 @@ void ImportStore::AddValueIds(const std::string& id, const std::string& attribut
     const auto distinct = static_cast<std::int64_t>(target.distinctValues.size());
     for (std::size_t i = 0; i < ids.size(); ++i) {
         if (ids[i] < -1 || ids[i] >= distinct) {
-            BadRequest("value id " + std::to_string(ids[i]) + " at position " +
-                       std::to_string(i) + " of the chunk is outside [-1, " +
-                       std::to_string(distinct) + ") for attribute \"" + attribute + "\"");
+            BadRequest("value id " + std::to_string(ids[i]) + " at position " + std::to_string(i) +
+                       " of the chunk is outside [-1, " + std::to_string(distinct) +
+                       ") for attribute \"" + attribute + "\"");
         }
     }
     const std::int64_t total = static_cast<std::int64_t>(target.valueIds.size() + ids.size());
     if (total > import->table.recordCount) {
         BadRequest("attribute \"" + attribute + "\" would get " + std::to_string(total) +
-                   " value ids, but the table has " +
-                   std::to_string(import->table.recordCount) + " records");
+                   " value ids, but the table has " + std::to_string(import->table.recordCount) +
+                   " records");
     }
     target.valueIds.insert(target.valueIds.end(), ids.begin(), ids.end());
 }

@@ -49,9 +49,8 @@ Authentication Introspection::Authenticate(const Request& request, ConnectionSta
         }
     }
     if (user.empty()) {
-        return {std::nullopt,
-                Unauthorized(request, "Bearer error=\"invalid_token\"",
-                             "the bearer token is not active")};
+        return {std::nullopt, Unauthorized(request, "Bearer error=\"invalid_token\"",
+                                           "the bearer token is not active")};
     }
     return {user, std::nullopt};
 }
@@ -70,9 +69,9 @@ std::string Introspection::Ask(const std::string& token,
     const Response answer = SendOnce(*url, request);
     const auto body = nlohmann::json::parse(answer.body(), nullptr, false);
     if (answer.result() != http::status::ok || !body.is_object()) {
-        throw HttpError(http::status::bad_gateway,
-                        "token introspection failed with status " +
-                            std::to_string(answer.result_int()) + ": " + answer.body());
+        throw HttpError(http::status::bad_gateway, "token introspection failed with status " +
+                                                       std::to_string(answer.result_int()) + ": " +
+                                                       answer.body());
     }
     const auto active = body.find("active");
     if (active == body.end() || !active->is_boolean() || !active->get<bool>()) {

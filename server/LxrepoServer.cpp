@@ -27,10 +27,9 @@ namespace {
 std::unique_ptr<Authenticator> MakeAuthenticator(const ServerOptions& options) {
     switch (options.auth) {
     case AuthKind::Ntlm:
-        return std::make_unique<NtlmAcceptor>(options.ntlmUsersFile,
-                                              options.ntlmServiceHost.empty()
-                                                  ? options.http.address
-                                                  : options.ntlmServiceHost);
+        return std::make_unique<NtlmAcceptor>(options.ntlmUsersFile, options.ntlmServiceHost.empty()
+                                                                         ? options.http.address
+                                                                         : options.ntlmServiceHost);
     case AuthKind::Bearer:
         return std::make_unique<Introspection>(options.introspection);
     case AuthKind::None:
@@ -66,9 +65,10 @@ LxrepoServer::LxrepoServer(ServerOptions options)
         }
         parts_->proxy = std::make_unique<ProxyRoutes>(options_.proxy, tokens);
     }
-    http_ = std::make_unique<HttpServer>(
-        options_.http,
-        [this](Request& request, ConnectionState& connection) { return Handle(request, connection); });
+    http_ = std::make_unique<HttpServer>(options_.http,
+                                         [this](Request& request, ConnectionState& connection) {
+                                             return Handle(request, connection);
+                                         });
 }
 
 LxrepoServer::~LxrepoServer() { Stop(); }

@@ -25,8 +25,7 @@ public:
 private:
     struct Parts;
     Response Handle(Request& request, ConnectionState& connection);
-    Response HandleImport(Request& request, ConnectionState& connection,
-                          const std::string& path);
+    Response HandleImport(Request& request, ConnectionState& connection, const std::string& path);
 
     ServerOptions options_;
     std::unique_ptr<Parts> parts_;

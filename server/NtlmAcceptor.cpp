@@ -49,9 +49,9 @@ NtlmAcceptor::NtlmAcceptor(const std::string& usersFile, const std::string& serv
     gss_key_value_set_desc store = {1, &keyFile};
     gss_OID_set_desc mechanisms = {1, NtlmMechanism()};
     OM_uint32 minor = 0;
-    const OM_uint32 major = gss_acquire_cred_from(&minor, name, GSS_C_INDEFINITE, &mechanisms,
-                                                  GSS_C_ACCEPT, &store, &credentials_, nullptr,
-                                                  nullptr);
+    const OM_uint32 major =
+        gss_acquire_cred_from(&minor, name, GSS_C_INDEFINITE, &mechanisms, GSS_C_ACCEPT, &store,
+                              &credentials_, nullptr, nullptr);
     gss_release_name(&minor, &name);
     if (GSS_ERROR(major)) {
         throw std::runtime_error("cannot acquire NTLM acceptor credentials: " +
@@ -81,14 +81,14 @@ Authentication NtlmAcceptor::Authenticate(const Request& request, ConnectionStat
         OM_uint32 minor = 0;
         gss_buffer_desc input = {token->size(), token->data()};
         gss_buffer_desc output = GSS_C_EMPTY_BUFFER;
-        const OM_uint32 major = gss_accept_sec_context(
-            &minor, &pending->context, credentials_, &input, GSS_C_NO_CHANNEL_BINDINGS, nullptr,
-            nullptr, &output, nullptr, nullptr, nullptr);
+        const OM_uint32 major = gss_accept_sec_context(&minor, &pending->context, credentials_,
+                                                       &input, GSS_C_NO_CHANNEL_BINDINGS, nullptr,
+                                                       nullptr, &output, nullptr, nullptr, nullptr);
         const std::string challenge(static_cast<const char*>(output.value), output.length);
         gss_release_buffer(&minor, &output);
         if (major != GSS_S_CONTINUE_NEEDED) {
-            return Refuse(request, "NTLM", "NTLM negotiate message refused: " +
-                                               StatusText(major, minor));
+            return Refuse(request, "NTLM",
+                          "NTLM negotiate message refused: " + StatusText(major, minor));
         }
         connection.authentication = pending;
         return Refuse(request, "NTLM " + EncodeBase64(challenge), "NTLM challenge");
@@ -104,10 +104,9 @@ Authentication NtlmAcceptor::Authenticate(const Request& request, ConnectionStat
     gss_buffer_desc input = {token->size(), token->data()};
     gss_buffer_desc output = GSS_C_EMPTY_BUFFER;
     gss_name_t source = GSS_C_NO_NAME;
-    const OM_uint32 major =
-        gss_accept_sec_context(&minor, &pending->context, credentials_, &input,
-                               GSS_C_NO_CHANNEL_BINDINGS, &source, nullptr, &output, nullptr,
-                               nullptr, nullptr);
+    const OM_uint32 major = gss_accept_sec_context(&minor, &pending->context, credentials_, &input,
+                                                   GSS_C_NO_CHANNEL_BINDINGS, &source, nullptr,
+                                                   &output, nullptr, nullptr, nullptr);
     gss_release_buffer(&minor, &output);
     std::string user;
     if (source != GSS_C_NO_NAME) {

@@ -31,8 +31,7 @@ NtlmInitiator::NtlmInitiator(const std::string& targetHost,
         if (GSS_ERROR(major)) {
             Fail("user name " + credentials->user, major, minor);
         }
-        gss_key_value_element_desc password = {"ntlmssp_password",
-                                                credentials->password.c_str()};
+        gss_key_value_element_desc password = {"ntlmssp_password", credentials->password.c_str()};
         gss_key_value_set_desc store = {1, &password};
         major = gss_acquire_cred_from(&minor, user, GSS_C_INDEFINITE, &mechanisms, GSS_C_INITIATE,
                                       &store, &credentials_, nullptr, nullptr);

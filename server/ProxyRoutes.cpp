@@ -69,8 +69,8 @@ ProxyRoutes::ProxyRoutes(ProxySettings settings, std::shared_ptr<ClientCredentia
 
 bool ProxyRoutes::Owns(const std::string& path) const {
     return path == settings_.registrationPath || path == settings_.unregistrationPath ||
-           path == settings_.connectPath ||
-           path.rfind(settings_.forwardPrefix + "/", 0) == 0 || path == settings_.forwardPrefix;
+           path == settings_.connectPath || path.rfind(settings_.forwardPrefix + "/", 0) == 0 ||
+           path == settings_.forwardPrefix;
 }
 
 Response ProxyRoutes::Handle(const Request& request, const Target& target) {
@@ -166,9 +166,9 @@ Response ProxyRoutes::Connect(const Request& request, const Call& call) {
         return JsonResponse(request, http::status::ok, answer.body());
     }
     if (answer.result() == http::status::unauthorized) {
-        throw HttpError(http::status::unauthorized,
-                        "the service at " + service.Origin() + " refused the proxy's " +
-                            call.auth + " credentials");
+        throw HttpError(http::status::unauthorized, "the service at " + service.Origin() +
+                                                        " refused the proxy's " + call.auth +
+                                                        " credentials");
     }
     throw HttpError(http::status::bad_gateway, "the service at " + service.Origin() +
                                                    " answered the connection test with " +

@@ -25,7 +25,7 @@ struct ProxySettings {
     std::string connectPath = "/connect";
     std::string forwardPrefix = "/forward";
     std::string version = "1.0.0-lxproxy-2.1";
-    std::vector<std::string> allowedServers; // base URLs
+    std::vector<std::string> allowedServers;        // base URLs
     std::optional<NtlmCredentials> ntlmCredentials; // none: NTLM_USER_FILE's first account
 };
 

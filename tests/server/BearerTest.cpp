@@ -23,13 +23,15 @@ protected:
         const std::string node = LXREPO_NODE;
         if (node.find("NOTFOUND") != std::string::npos ||
             !std::filesystem::exists(LXREPO_OIDC_PROVIDER_ENTRY)) {
-            GTEST_SKIP() << "needs node and tests/oidc's packages (scripts/install-dependencies.sh)";
+            GTEST_SKIP()
+                << "needs node and tests/oidc's packages (scripts/install-dependencies.sh)";
         }
         // The provider's issuer is the service's /identity, so the service's port comes first.
         const unsigned short servicePort = FreePort();
         serviceUrl = "http://127.0.0.1:" + std::to_string(servicePort);
-        provider = std::make_unique<ChildProcess>(std::vector<std::string>{
-            node, LXREPO_BEARER_PROVIDER, "0", serviceUrl + "/identity", LXREPO_OIDC_PROVIDER_ENTRY});
+        provider = std::make_unique<ChildProcess>(
+            std::vector<std::string>{node, LXREPO_BEARER_PROVIDER, "0", serviceUrl + "/identity",
+                                     LXREPO_OIDC_PROVIDER_ENTRY});
         const std::string providerUrl =
             "http://127.0.0.1:" + std::to_string(provider->Port()) + "/identity";
 
@@ -93,7 +95,8 @@ TEST_F(Bearer, TokensAreCheckedAtTheProvider) {
     };
     const Case cases[] = {
         {"no token", "", 401},
-        {"a token the provider never issued", "Bearer 5jF0aFakeTokenThatWasNeverIssued0000000000", 401},
+        {"a token the provider never issued", "Bearer 5jF0aFakeTokenThatWasNeverIssued0000000000",
+         401},
         {"another scheme", "Basic bHhyZXBvLXByb3h5Og==", 401},
         {"an issued token", "Bearer " + token, 200},
         {"the same token again (answered from the cache)", "Bearer " + token, 200},
@@ -111,8 +114,8 @@ TEST_F(Bearer, TokensAreCheckedAtTheProvider) {
 }
 
 TEST_F(Bearer, IdentityRequestsGoOnToTheProvider) {
-    const Answer discovery = Send(serviceUrl, "GET",
-                                  {Word("/identity/.well-known/openid-configuration")}, std::nullopt);
+    const Answer discovery =
+        Send(serviceUrl, "GET", {Word("/identity/.well-known/openid-configuration")}, std::nullopt);
     ASSERT_EQ(discovery.status, 200) << discovery.body;
     const auto document = nlohmann::json::parse(discovery.body);
     EXPECT_EQ(document.at("issuer"), serviceUrl + "/identity");
@@ -125,7 +128,8 @@ TEST_F(Bearer, IdentityRequestsGoOnToTheProvider) {
 }
 
 TEST_F(Bearer, ProxyImportsWithItsOwnTokenOnBehalfOfTheClient) {
-    const Query parameters = {{"lxclient", "desk 9"}, {"lxserver", serviceUrl}, {"lxauth", "oauth"}};
+    const Query parameters = {
+        {"lxclient", "desk 9"}, {"lxserver", serviceUrl}, {"lxauth", "oauth"}};
     ASSERT_EQ(Send(serviceUrl, "GET", {Word("/register")}, std::nullopt, parameters).status, 200);
     const Answer connect = Send(serviceUrl, "GET", {Word("/connect")}, std::nullopt, parameters);
     EXPECT_EQ(connect.status, 200) << connect.body;

@@ -46,17 +46,19 @@ TEST(CrashRecovery, CommittedTablesSurviveAndHalfImportsVanish) {
             // A second import that has everything but its End.
             std::string id;
             ASSERT_EQ(CreateTable(server.Url(), "Half", 2, false, &id).status, 201);
-            ASSERT_EQ(PostImport(server.Url(), id, {Word("Attributes")}, AttributeDocument({"A"}))
-                          .status,
-                      200);
-            for (const auto& [rest, body] : std::vector<std::pair<std::vector<Segment>, std::string>>{
+            ASSERT_EQ(
+                PostImport(server.Url(), id, {Word("Attributes")}, AttributeDocument({"A"})).status,
+                200);
+            for (const auto& [rest, body] :
+                 std::vector<std::pair<std::vector<Segment>, std::string>>{
                      {{Word("DistinctValues"), Name("A"), Word("Begin")}, "null"},
                      {{Word("DistinctValues"), Name("A")}, "[\"v\"]"},
                      {{Word("DistinctValues"), Name("A"), Word("End")}, "null"},
                      {{Word("ValueIds"), Name("A"), Word("Begin")}, "null"},
                      {{Word("ValueIds"), Name("A")}, "[0, 0]"},
                      {{Word("ValueIds"), Name("A"), Word("End")}, "null"}}) {
-                ASSERT_EQ(PostImport(server.Url(), id, rest, body).status, 200) << "case: " << c.name;
+                ASSERT_EQ(PostImport(server.Url(), id, rest, body).status, 200)
+                    << "case: " << c.name;
             }
             const int status = server.Stop(c.signal);
             if (c.exitsCleanly) {
@@ -66,12 +68,12 @@ TEST(CrashRecovery, CommittedTablesSurviveAndHalfImportsVanish) {
             }
         }
         ChildServer restarted(database);
-        const std::vector<Row> expected = {{"one", "x"}, {"two", std::nullopt},
-                                           {std::nullopt, "x"}, {"two", "x"}};
+        const std::vector<Row> expected = {
+            {"one", "x"}, {"two", std::nullopt}, {std::nullopt, "x"}, {"two", "x"}};
         EXPECT_EQ(QueryRows(database, "select * from Committed order by rowid"), expected)
             << "case: " << c.name;
-        EXPECT_TRUE(QueryRows(database, "select name from sqlite_master where name like 'Half%'")
-                        .empty())
+        EXPECT_TRUE(
+            QueryRows(database, "select name from sqlite_master where name like 'Half%'").empty())
             << "case: " << c.name;
         EXPECT_EQ(QueryRows(database, "select name from lxrepo_tables"),
                   std::vector<Row>{{"Committed"}})

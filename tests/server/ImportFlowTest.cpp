@@ -20,11 +20,12 @@ TableData AwkwardTable() {
     table.name = "Sales Q1 %?# \xC3\xBC\"quoted\"";
     table.attributes = {"Price", "Region name ?#%", "Zeit/Datum \xE2\x82\xAC"};
     table.distinctValues = {{"42", "17.5", "", "1e3"},
-                            {"North", "S\xC3\xBC" "d", "East & West"},
+                            {"North",
+                             "S\xC3\xBC"
+                             "d",
+                             "East & West"},
                             {"2024-01-01", "2024-12-31"}};
-    table.valueIds = {{0, 1, 2, -1, 3, 0, 1},
-                      {2, -1, 0, 1, 1, 2, -1},
-                      {-1, -1, 1, 0, 1, 0, 1}};
+    table.valueIds = {{0, 1, 2, -1, 3, 0, 1}, {2, -1, 0, 1, 1, 2, -1}, {-1, -1, 1, 0, 1, 0, 1}};
     return table;
 }
 
@@ -71,15 +72,15 @@ TEST_F(ImportFlow, WholeImportBecomesAnSqlTableCellByCell) {
     ASSERT_EQ(ImportWholeTable(server.Url(), table), 200);
 
     ExpectCells(QueryRows(database, SelectAll(table.name)), ExpectedRows(table));
-    const auto columns = QueryRows(database, "select name from pragma_table_info('" +
-                                                 std::string("Sales Q1 %?# \xC3\xBC\"quoted\"") +
-                                                 "') order by cid");
+    const auto columns =
+        QueryRows(database, "select name from pragma_table_info('" +
+                                std::string("Sales Q1 %?# \xC3\xBC\"quoted\"") + "') order by cid");
     ASSERT_EQ(columns.size(), 3u);
     for (std::size_t c = 0; c < columns.size(); ++c) {
         EXPECT_EQ(columns[c][0], table.attributes[c]);
     }
-    const auto catalogue = QueryRows(
-        database, "select record_count, table_class, attributes from lxrepo_tables");
+    const auto catalogue =
+        QueryRows(database, "select record_count, table_class, attributes from lxrepo_tables");
     ASSERT_EQ(catalogue.size(), 1u);
     EXPECT_EQ(catalogue[0][0], "7");
     EXPECT_EQ(catalogue[0][1], "Sales");
@@ -113,7 +114,8 @@ TEST_F(ImportFlow, NothingIsVisibleBeforeTheEnd) {
     ASSERT_EQ(CreateTable(server.Url(), "Pending", 1, false, &id).status, 201);
     ASSERT_EQ(PostImport(server.Url(), id, {Word("Attributes")}, AttributeDocument({"A"})).status,
               200);
-    EXPECT_TRUE(QueryRows(database, "select name from sqlite_master where name = 'Pending'").empty());
+    EXPECT_TRUE(
+        QueryRows(database, "select name from sqlite_master where name = 'Pending'").empty());
     EXPECT_TRUE(QueryRows(database, "select name from lxrepo_tables").empty());
 }
 
@@ -150,8 +152,7 @@ TEST_F(ImportFlow, ImportsOfDifferentTablesRunConcurrently) {
     std::vector<int> statuses(tables);
     std::vector<std::thread> threads;
     for (int t = 0; t < tables; ++t) {
-        threads.emplace_back(
-            [&, t] { statuses[t] = ImportWholeTable(server.Url(), data[t]); });
+        threads.emplace_back([&, t] { statuses[t] = ImportWholeTable(server.Url(), data[t]); });
     }
     for (auto& thread : threads) {
         thread.join();
@@ -171,14 +172,17 @@ TEST(ImportFlowAccess, AuthorizationAndCreationFollowTheAllowedClasses) {
         std::string tableClass;
         int status;
     };
-    for (const Case& c : {Case{"Sales", 200}, Case{"Stock", 200}, Case{"sales", 403},
-                          Case{"", 403}, Case{"HR", 403}}) {
+    for (const Case& c : {Case{"Sales", 200}, Case{"Stock", 200}, Case{"sales", 403}, Case{"", 403},
+                          Case{"HR", 403}}) {
         const Answer answer = Send(server.Url(), "POST", {Word("/Import/Authorization")},
                                    nlohmann::json{{"tableClass", c.tableClass}}.dump());
         EXPECT_EQ(answer.status, c.status) << "case: class \"" << c.tableClass << "\"";
     }
-    const nlohmann::json hr = {{"recordCount", 1}, {"tableClass", "HR"}, {"tableDescription", ""},
-                               {"tableName", "Salaries"}, {"tableOverwrite", false}};
+    const nlohmann::json hr = {{"recordCount", 1},
+                               {"tableClass", "HR"},
+                               {"tableDescription", ""},
+                               {"tableName", "Salaries"},
+                               {"tableOverwrite", false}};
     EXPECT_EQ(Send(server.Url(), "POST", {Word("/Import/Tables")}, hr.dump()).status, 403);
     EXPECT_EQ(Send(server.Url(), "GET", {Word("/Import/Connect")}, std::nullopt).status, 200);
 }

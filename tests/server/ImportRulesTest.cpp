@@ -46,14 +46,13 @@ std::vector<Call> DistinctValuesDone() {
     return calls;
 }
 std::vector<Call> ValueIdsOpen() {
-    return DistinctValuesDone() + std::vector<Call>{Phase("ValueIds", "A", "Begin"),
-                                                    Phase("ValueIds", "B", "Begin")};
+    return DistinctValuesDone() +
+           std::vector<Call>{Phase("ValueIds", "A", "Begin"), Phase("ValueIds", "B", "Begin")};
 }
 std::vector<Call> ValueIdsDone(const char* idsOfA = "[0,1]") {
-    return ValueIdsOpen() + std::vector<Call>{Chunk("ValueIds", "A", idsOfA),
-                                              Chunk("ValueIds", "B", "[1,-1]"),
-                                              Phase("ValueIds", "A", "End"),
-                                              Phase("ValueIds", "B", "End")};
+    return ValueIdsOpen() +
+           std::vector<Call>{Chunk("ValueIds", "A", idsOfA), Chunk("ValueIds", "B", "[1,-1]"),
+                             Phase("ValueIds", "A", "End"), Phase("ValueIds", "B", "End")};
 }
 
 struct Case {
@@ -67,15 +66,24 @@ std::ostream& operator<<(std::ostream& out, const Case& c) { return out << c.nam
 
 const Case cases[] = {
     // Order
-    {"distinct values before the attribute definitions", {}, Phase("DistinctValues", "A", "Begin"), 409},
+    {"distinct values before the attribute definitions",
+     {},
+     Phase("DistinctValues", "A", "Begin"),
+     409},
     {"attribute definitions twice", {Attributes()}, Attributes(), 409},
-    {"distinct-values chunk before its Begin", {Attributes()}, Chunk("DistinctValues", "A", "[]"), 409},
+    {"distinct-values chunk before its Begin",
+     {Attributes()},
+     Chunk("DistinctValues", "A", "[]"),
+     409},
     {"distinct values End before Begin", {Attributes()}, Phase("DistinctValues", "A", "End"), 409},
-    {"distinct values Begin twice", {Attributes(), Phase("DistinctValues", "A", "Begin")},
-     Phase("DistinctValues", "A", "Begin"), 409},
+    {"distinct values Begin twice",
+     {Attributes(), Phase("DistinctValues", "A", "Begin")},
+     Phase("DistinctValues", "A", "Begin"),
+     409},
     {"value ids before every attribute has its distinct values",
      {Attributes(), Phase("DistinctValues", "A", "Begin"), Phase("DistinctValues", "A", "End")},
-     Phase("ValueIds", "A", "Begin"), 409},
+     Phase("ValueIds", "A", "Begin"),
+     409},
     {"value-ids chunk before its Begin", DistinctValuesDone(), Chunk("ValueIds", "A", "[0]"), 409},
     {"distinct values again once value ids began", ValueIdsOpen(),
      Phase("DistinctValues", "A", "Begin"), 409},
@@ -88,15 +96,22 @@ const Case cases[] = {
     {"End twice", ValueIdsDone() + std::vector<Call>{End()}, End(), 409},
     {"the right order", ValueIdsDone(), End(), 200},
     // Bodies
-    {"malformed JSON attribute definitions", {}, {{Word("Attributes")}, "[{\"AttributeName\": "}, 400},
+    {"malformed JSON attribute definitions",
+     {},
+     {{Word("Attributes")}, "[{\"AttributeName\": "},
+     400},
     {"attribute definitions not an array", {}, {{Word("Attributes")}, "{}"}, 400},
     {"attribute definition without a name", {}, {{Word("Attributes")}, "[{\"Type\": 1}]"}, 400},
     {"no attributes at all", {}, Attributes({}), 400},
     {"attribute names equal but for case", {}, Attributes({"Price", "PRICE"}), 400},
-    {"malformed JSON distinct values", {Attributes(), Phase("DistinctValues", "A", "Begin")},
-     Chunk("DistinctValues", "A", "[\"x\","), 400},
-    {"a distinct value that is a number", {Attributes(), Phase("DistinctValues", "A", "Begin")},
-     Chunk("DistinctValues", "A", "[\"x\", 42]"), 400},
+    {"malformed JSON distinct values",
+     {Attributes(), Phase("DistinctValues", "A", "Begin")},
+     Chunk("DistinctValues", "A", "[\"x\","),
+     400},
+    {"a distinct value that is a number",
+     {Attributes(), Phase("DistinctValues", "A", "Begin")},
+     Chunk("DistinctValues", "A", "[\"x\", 42]"),
+     400},
     {"value id equal to the number of distinct values", ValueIdsOpen(),
      Chunk("ValueIds", "A", "[0, 2]"), 400},
     {"value id below -1", ValueIdsOpen(), Chunk("ValueIds", "A", "[-2]"), 400},
@@ -105,11 +120,14 @@ const Case cases[] = {
     {"value id as a string", ValueIdsOpen(), Chunk("ValueIds", "A", "[\"1\"]"), 400},
     {"more value ids than records", ValueIdsOpen(), Chunk("ValueIds", "A", "[0, 1, 0]"), 400},
     {"missing values only", ValueIdsOpen(), Chunk("ValueIds", "A", "[-1, -1]"), 200},
-    {"Begin with a body other than null", {Attributes()},
-     {{Word("DistinctValues"), Name("A"), Word("Begin")}, "{}"}, 400},
+    {"Begin with a body other than null",
+     {Attributes()},
+     {{Word("DistinctValues"), Name("A"), Word("Begin")}, "{}"},
+     400},
     // Names
     {"unknown attribute", {Attributes()}, Phase("DistinctValues", "Z", "Begin"), 404},
-    {"unknown attribute's chunk", DistinctValuesDone() + std::vector<Call>{Phase("ValueIds", "A", "Begin")},
+    {"unknown attribute's chunk",
+     DistinctValuesDone() + std::vector<Call>{Phase("ValueIds", "A", "Begin")},
      Chunk("ValueIds", "a", "[0]"), 404},
     {"unknown table command", {Attributes()}, {{Word("Columns")}, "null"}, 404},
 };
@@ -159,8 +177,11 @@ TEST(ImportRequests, UnknownTablesMalformedCreationsAndOversizedBodies) {
         std::optional<std::string> body;
         int status;
     };
-    const nlohmann::json good = {{"recordCount", 1}, {"tableClass", "c"}, {"tableDescription", ""},
-                                 {"tableName", "T"}, {"tableOverwrite", false}};
+    const nlohmann::json good = {{"recordCount", 1},
+                                 {"tableClass", "c"},
+                                 {"tableDescription", ""},
+                                 {"tableName", "T"},
+                                 {"tableOverwrite", false}};
     auto without = [&](const char* key) {
         auto body = good;
         body.erase(key);
@@ -172,8 +193,11 @@ TEST(ImportRequests, UnknownTablesMalformedCreationsAndOversizedBodies) {
         return body.dump();
     };
     const Probe probes[] = {
-        {"unknown table", {Word("/Import/Tables"), Name("no such #table"), Word("DistinctValues"),
-                           Name("A"), Word("Begin")}, "null", 404},
+        {"unknown table",
+         {Word("/Import/Tables"), Name("no such #table"), Word("DistinctValues"), Name("A"),
+          Word("Begin")},
+         "null",
+         404},
         {"unknown table's End", {Word("/Import/Tables"), Name("x"), Word("End")}, "null", 404},
         {"unknown endpoint", {Word("/Import/Nothing")}, "null", 404},
         {"malformed JSON creation", {Word("/Import/Tables")}, "{\"tableName\": ", 400},
@@ -186,8 +210,14 @@ TEST(ImportRequests, UnknownTablesMalformedCreationsAndOversizedBodies) {
         {"reserved tableName", {Word("/Import/Tables")}, with("tableName", "lxrepo_tables"), 400},
         {"creation as an array", {Word("/Import/Tables")}, "[]", 400},
         {"Authorization without tableClass", {Word("/Import/Authorization")}, "{}", 400},
-        {"body over the limit", {Word("/Import/Tables")}, std::string(5000, ' ') + good.dump(), 413},
-        {"body at the limit", {Word("/Import/Tables")}, std::string(4096 - good.dump().size(), ' ') + good.dump(), 201},
+        {"body over the limit",
+         {Word("/Import/Tables")},
+         std::string(5000, ' ') + good.dump(),
+         413},
+        {"body at the limit",
+         {Word("/Import/Tables")},
+         std::string(4096 - good.dump().size(), ' ') + good.dump(),
+         201},
         {"Connect by POST", {Word("/Import/Connect")}, "null", 405},
         {"nothing there", {Word("/elsewhere")}, std::nullopt, 404},
     };

@@ -92,8 +92,10 @@ TEST_F(Ntlm, HandshakeAuthenticatesTheRequestOnItsOwnConnectionOnly) {
         {"right password", {"TESTDOM\\alice", "Right-Password-1"}, true, 200},
         {"wrong password", {"TESTDOM\\alice", "Wrong-Password"}, true, 401},
         {"unknown user", {"TESTDOM\\mallory", "Right-Password-1"}, true, 401},
-        {"authenticate message on another connection", {"TESTDOM\\alice", "Right-Password-1"},
-         false, 401},
+        {"authenticate message on another connection",
+         {"TESTDOM\\alice", "Right-Password-1"},
+         false,
+         401},
     };
     for (const auto& c : cases) {
         NtlmInitiator initiator(serviceHost, c.credentials);
@@ -122,8 +124,8 @@ TEST_F(Ntlm, HandshakeAuthenticatesTheRequestOnItsOwnConnectionOnly) {
 
 TEST_F(Ntlm, SendWithNtlmRunsBothLegsOnOneConnection) {
     HttpConnection connection(Url());
-    const Response answer = lxrepo::SendWithNtlm(connection, Connect(), serviceHost,
-                                                 NtlmCredentials{"TESTDOM\\alice", "Right-Password-1"});
+    const Response answer = lxrepo::SendWithNtlm(
+        connection, Connect(), serviceHost, NtlmCredentials{"TESTDOM\\alice", "Right-Password-1"});
     EXPECT_EQ(answer.result_int(), 200) << answer.body();
     const auto body = nlohmann::json::parse(answer.body());
     EXPECT_EQ(body.at("client"), "TESTDOM\\alice");
@@ -149,7 +151,8 @@ TEST_F(Ntlm, OnlyTheTrustedProxyAccountMayNameTheClient) {
 TEST_F(Ntlm, ProxyImportsAsItsOwnAccountOnBehalfOfTheClient) {
     const Query parameters = {
         {"lxclient", "desk 07"}, {"lxserver", server->Url()}, {"lxauth", "windows"}};
-    ASSERT_EQ(Send(server->Url(), "GET", {Word("/register")}, std::nullopt, parameters).status, 200);
+    ASSERT_EQ(Send(server->Url(), "GET", {Word("/register")}, std::nullopt, parameters).status,
+              200);
     EXPECT_EQ(Send(server->Url(), "GET", {Word("/connect")}, std::nullopt, parameters).status, 200);
 
     const TableData table = {"Through NTLM", {"Name"}, {{"a", "b \xC3\xA9"}}, {{1, -1, 0}}};

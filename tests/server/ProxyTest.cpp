@@ -22,7 +22,8 @@ protected:
         auto proxyOptions = DefaultOptions(directory.File("unused.sqlite"));
         proxyOptions.role = lxrepo::Role::Proxy;
         // Spelt differently from what clients send: the allow-list compares origins.
-        proxyOptions.proxy.allowedServers = {"HTTP://127.0.0.1:" + std::to_string(service->Port()) + "/"};
+        proxyOptions.proxy.allowedServers = {"HTTP://127.0.0.1:" + std::to_string(service->Port()) +
+                                             "/"};
         proxyOptions.proxy.version = "1.0.0-lxproxy-2.1";
         proxy = std::make_unique<RunningServer>(proxyOptions);
     }
@@ -49,10 +50,9 @@ protected:
 
 TEST_F(Proxy, RegistrationAnswersTheVersionAsJson) {
     // The connection test asks for the version with all three parameters.
-    const Answer version = Send(proxy->Url(), "GET", {Word("/register")}, std::nullopt,
-                                {{"lxclient", "desk 01"},
-                                 {"lxserver", service->Url()},
-                                 {"lxauth", "windows"}});
+    const Answer version =
+        Send(proxy->Url(), "GET", {Word("/register")}, std::nullopt,
+             {{"lxclient", "desk 01"}, {"lxserver", service->Url()}, {"lxauth", "windows"}});
     EXPECT_EQ(version.status, 200);
     EXPECT_EQ(version.contentType.rfind("application/json", 0), 0u) << version.contentType;
     EXPECT_EQ(nlohmann::json::parse(version.body).at("version"), "1.0.0-lxproxy-2.1");
@@ -71,7 +71,8 @@ TEST_F(Proxy, ConnectNeedsARegisteredClientAndAnAllowedServer) {
     };
     const Case cases[] = {
         {"registered, allowed", "desk \xC3\xBC", false, service->Url(), "windows", 200},
-        {"registered, allowed, other spelling", "desk \xC3\xBC", false, service->Url() + "/", "windows", 200},
+        {"registered, allowed, other spelling", "desk \xC3\xBC", false, service->Url() + "/",
+         "windows", 200},
         {"never registered", "", false, service->Url(), "windows", 401},
         {"registered, then unregistered", "desk \xC3\xBC", true, service->Url(), "windows", 401},
         {"server not allowed", "desk \xC3\xBC", false, other, "windows", 401},
@@ -85,22 +86,24 @@ TEST_F(Proxy, ConnectNeedsARegisteredClientAndAnAllowedServer) {
         if (c.unregister) {
             ASSERT_EQ(Call("/unregister", {{"lxclient", c.registerAs}}).status, 200);
         }
-        const Answer answer = Call("/connect", {{"lxclient", "desk \xC3\xBC"},
-                                                {"lxserver", c.server},
-                                                {"lxauth", c.auth}});
+        const Answer answer =
+            Call("/connect",
+                 {{"lxclient", "desk \xC3\xBC"}, {"lxserver", c.server}, {"lxauth", c.auth}});
         EXPECT_EQ(answer.status, c.status) << "case: " << c.name << ": " << answer.body;
     }
 }
 
 TEST_F(Proxy, ForwardsAWholeImportAndNamesTheClientToTheService) {
     ASSERT_EQ(Register("desk 01 \xC3\xBC", service->Url()).status, 200);
-    const TableData table = {"Via proxy #1", {"A b", "C%d"}, {{"x", "y"}, {"1", "2", "3"}},
+    const TableData table = {"Via proxy #1",
+                             {"A b", "C%d"},
+                             {{"x", "y"}, {"1", "2", "3"}},
                              {{0, 1, -1, 0}, {2, -1, 1, 0}}};
     ASSERT_EQ(ImportWholeTable(Forwarded("desk 01 \xC3\xBC", service->Url()), table), 200);
 
     const auto rows = QueryRows(database, "select * from \"Via proxy #1\" order by rowid");
-    const std::vector<Row> expected = {{"x", "3"}, {"y", std::nullopt}, {std::nullopt, "2"},
-                                       {"x", "1"}};
+    const std::vector<Row> expected = {
+        {"x", "3"}, {"y", std::nullopt}, {std::nullopt, "2"}, {"x", "1"}};
     EXPECT_EQ(rows, expected);
     EXPECT_EQ(QueryRows(database, "select client from lxrepo_tables")[0][0], "desk 01 \xC3\xBC");
 }
@@ -118,15 +121,14 @@ TEST_F(Proxy, ForwardRelaysTheServiceAnswersAndRefusesOthers) {
         {"service's 201", Forwarded("desk", service->Url()),
          R"({"recordCount":1,"tableClass":"c","tableDescription":"","tableName":"F","tableOverwrite":false})",
          201, ""},
-        {"service's 400 with its message", Forwarded("desk", service->Url()), "{\"tableName\":",
-         400, "malformed JSON"},
+        {"service's 400 with its message", Forwarded("desk", service->Url()),
+         "{\"tableName\":", 400, "malformed JSON"},
         {"server not on the allow-list", Forwarded("desk", "http://127.0.0.1:9"), "{}", 403,
          "does not forward to http://127.0.0.1:9"},
-        {"allowed host, other port", Forwarded("desk", "http://127.0.0.1:" +
-                                                           std::to_string(proxy->Port())),
-         "{}", 403, "does not forward"},
-        {"unregistered client", Forwarded("intruder", service->Url()), "{}", 401,
-         "not registered"},
+        {"allowed host, other port",
+         Forwarded("desk", "http://127.0.0.1:" + std::to_string(proxy->Port())), "{}", 403,
+         "does not forward"},
+        {"unregistered client", Forwarded("intruder", service->Url()), "{}", 401, "not registered"},
         {"lxserver not a URL", Forwarded("desk", "repository"), "{}", 400, "http:// URL"},
         {"oauth without a configured OpenID client", Forwarded("desk", service->Url(), "oauth"),
          "{}", 502, "no OpenID client"},

@@ -57,9 +57,8 @@ std::string RunningServer::Url() const {
     return "http://" + address_ + ":" + std::to_string(server_->Port());
 }
 
-Answer Send(const std::string& baseUrl, const std::string& method,
-            const std::vector<Segment>& path, const std::optional<std::string>& body,
-            const Query& query) {
+Answer Send(const std::string& baseUrl, const std::string& method, const std::vector<Segment>& path,
+            const std::optional<std::string>& body, const Query& query) {
     web::uri_builder builder{web::uri(baseUrl)};
     for (const auto& segment : path) {
         builder.append_path(segment.text, segment.encode);
@@ -114,22 +113,26 @@ Answer CreateTable(const Via& via, const std::string& name, int recordCount, boo
 std::string AttributeDocument(const std::vector<std::string>& names) {
     nlohmann::json document = nlohmann::json::array();
     for (const auto& name : names) {
-        nlohmann::json attribute = {{"AttributeName", name}, {"Type", 3}, {"Format", "#,##0"},
-                                    {"LCID", 1033}, {"Level", 0}, {"Id", "id-" + name},
-                                    {"EvalMode", 0}, {"SummaryType", 0},
+        nlohmann::json attribute = {{"AttributeName", name},
+                                    {"Type", 3},
+                                    {"Format", "#,##0"},
+                                    {"LCID", 1033},
+                                    {"Level", 0},
+                                    {"Id", "id-" + name},
+                                    {"EvalMode", 0},
+                                    {"SummaryType", 0},
                                     {"ValueRanges", nlohmann::json::array()},
                                     {"Cases", nlohmann::json::array()}};
         for (const char* flag :
              {"IsGroup", "IsSummary", "IsFormula", "IsClassification", "IsCaseDiscrimination",
-              "IsLink", "IsPermanentlyHidden", "UserDefinedOrder", "MissingValuesAsZero",
-              "Reverse", "IsExpanded", "IsCoupled", "IsFirstCoupledAttribute",
-              "IsLastCoupledAttributeLeads", "IsCoupledAttributeSortedReverse",
-              "IsDrillDownGroup"}) {
+              "IsLink", "IsPermanentlyHidden", "UserDefinedOrder", "MissingValuesAsZero", "Reverse",
+              "IsExpanded", "IsCoupled", "IsFirstCoupledAttribute", "IsLastCoupledAttributeLeads",
+              "IsCoupledAttributeSortedReverse", "IsDrillDownGroup"}) {
             attribute[flag] = false;
         }
-        for (const char* text : {"Source", "SummaryPerAttribute", "ClassifiedAttribute",
-                                 "Formula", "ReferencedAttributes", "MarginalValue",
-                                 "CoupledAttributes", "Parent", "ReferencedDrillDownGroup"}) {
+        for (const char* text : {"Source", "SummaryPerAttribute", "ClassifiedAttribute", "Formula",
+                                 "ReferencedAttributes", "MarginalValue", "CoupledAttributes",
+                                 "Parent", "ReferencedDrillDownGroup"}) {
             attribute[text] = "";
         }
         document.push_back(attribute);
@@ -165,8 +168,7 @@ int ImportWholeTable(const Via& via, const TableData& table, bool overwrite) {
     for (std::size_t a = 0; a < table.attributes.size(); ++a) {
         const auto& values = table.distinctValues[a];
         const std::size_t half = values.size() / 2;
-        for (const auto& [rest, body] :
-             std::vector<std::pair<std::vector<Segment>, std::string>>{
+        for (const auto& [rest, body] : std::vector<std::pair<std::vector<Segment>, std::string>>{
                  {{Word("DistinctValues"), Name(table.attributes[a]), Word("Begin")}, "null"},
                  {{Word("DistinctValues"), Name(table.attributes[a])}, Chunk(values, 0, half)},
                  {{Word("DistinctValues"), Name(table.attributes[a])},
@@ -252,8 +254,7 @@ int ChildProcess::Stop(int signal) {
 
 unsigned short FreePort(const std::string& address) {
     boost::asio::io_context context;
-    boost::asio::ip::tcp::acceptor acceptor(
-        context, {boost::asio::ip::make_address(address), 0});
+    boost::asio::ip::tcp::acceptor acceptor(context, {boost::asio::ip::make_address(address), 0});
     return acceptor.local_endpoint().port();
 }
 
@@ -274,9 +275,9 @@ std::vector<Row> QueryRows(const std::string& database, const std::string& sql) 
         Row row;
         for (int c = 0; c < sqlite3_column_count(statement); ++c) {
             const auto* text = sqlite3_column_text(statement, c);
-            row.push_back(text == nullptr ? std::nullopt
-                                          : std::optional<std::string>(
-                                                reinterpret_cast<const char*>(text)));
+            row.push_back(text == nullptr
+                              ? std::nullopt
+                              : std::optional<std::string>(reinterpret_cast<const char*>(text)));
         }
         rows.push_back(std::move(row));
     }

@@ -71,9 +71,8 @@ struct Via {
 // A request the way the client library sends one: a fresh cpprestsdk client per call, the
 // path built with uri_builder (fixed words as they are, names percent-encoded as segments), the
 // query values encoded, the body as application/json.
-Answer Send(const std::string& baseUrl, const std::string& method,
-            const std::vector<Segment>& path, const std::optional<std::string>& body,
-            const Query& query = {});
+Answer Send(const std::string& baseUrl, const std::string& method, const std::vector<Segment>& path,
+            const std::optional<std::string>& body, const Query& query = {});
 Answer Send(const Via& via, const std::string& method, std::vector<Segment> path,
             const std::optional<std::string>& body);
 

@@ -55,7 +55,8 @@ TEST(Url, BaseUrlsCompareByOrigin) {
     };
     const Case cases[] = {
         {"host and port", "http://127.0.0.1:8080", "http://127.0.0.1:8080", ""},
-        {"trailing slash and path", "http://127.0.0.1:8080/repo/", "http://127.0.0.1:8080", "/repo"},
+        {"trailing slash and path", "http://127.0.0.1:8080/repo/", "http://127.0.0.1:8080",
+         "/repo"},
         {"upper-case scheme and host", "HTTP://LocalHost:81", "http://localhost:81", ""},
         {"default port", "http://example.test", "http://example.test:80", ""},
         {"query dropped", "http://h:1/p?x=1", "http://h:1", "/p"},
