@@ -396,7 +396,8 @@ TEST_F(Definitions, EachFlagTravelsUnderItsOwnKeyAndAnyNonZeroIsTrue) {
     ASSERT_EQ(document.size(), std::size(flags));
     for (std::size_t a = 0; a < std::size(flags); ++a) {
         for (const FlagCase& key : flags) {
-            const web::json::value flag = document.at(a).at(utility::conversions::to_string_t(key.key));
+            const web::json::value flag =
+                document.at(a).at(utility::conversions::to_string_t(key.key));
             ASSERT_TRUE(flag.is_boolean()) << "case: " << flags[a].key << ", key " << key.key;
             EXPECT_EQ(flag.as_bool(), key.key == flags[a].key)
                 << "case: " << flags[a].key << " set, key " << key.key;

