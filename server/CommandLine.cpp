@@ -19,15 +19,17 @@ void AddServiceOptions(CLI::App& app, ServerOptions& options) {
                    "a table class that may be imported (repeatable; none given: every class)")
         ->group("Repository service");
     app.add_option("--abandon-after", options.abandonAfter,
-                   "seconds after which an untouched import in progress is forgotten")
-        ->capture_default_str()
+                   "seconds after which an untouched import in progress is forgotten (default "
+                   "3600)")
+        ->type_name("SECONDS")
         ->group("Repository service");
     const std::map<std::string, AuthKind> kinds = {
         {"none", AuthKind::None}, {"ntlm", AuthKind::Ntlm}, {"bearer", AuthKind::Bearer}};
     app.add_option("--auth", options.auth,
-                   "how callers of /Import authenticate: none, ntlm (handshake bound to the TCP "
-                   "connection) or bearer (token introspection)")
-        ->transform(CLI::CheckedTransformer(kinds, CLI::ignore_case))
+                   "how callers of /Import authenticate: none (default), ntlm (handshake bound "
+                   "to the TCP connection) or bearer (token introspection)")
+        ->transform(CLI::CheckedTransformer(kinds, CLI::ignore_case).description(""))
+        ->type_name("none|ntlm|bearer")
         ->group("Repository service");
     app.add_option("--ntlm-users", options.ntlmUsersFile,
                    "--auth ntlm: file of DOMAIN:USER:PASSWORD lines, the accounts accepted")
@@ -140,9 +142,9 @@ std::optional<int> ParseCommandLine(int argc, char** argv, ServerOptions& option
     const std::map<std::string, Role> roles = {
         {"service", Role::Service}, {"proxy", Role::Proxy}, {"both", Role::Both}};
     app.add_option("--role", options.role,
-                   "service (/Import), proxy (its paths) or both in one process")
-        ->transform(CLI::CheckedTransformer(roles, CLI::ignore_case))
-        ->capture_default_str();
+                   "service (/Import), proxy (its paths) or both (default) in one process")
+        ->transform(CLI::CheckedTransformer(roles, CLI::ignore_case).description(""))
+        ->type_name("service|proxy|both");
     app.add_option("--max-body-bytes", options.http.maxBodyBytes,
                    "larger request bodies are answered 413")
         ->capture_default_str();
