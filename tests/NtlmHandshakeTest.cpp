@@ -19,6 +19,8 @@
 #include <regex>
 #include <stdexcept>
 #include <string>
+
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -42,8 +44,10 @@ using web::http::client::http_client;
 const std::string serviceHost = "127.0.0.2";
 const std::string clientPassword = "Correct-Horse-1";
 
+// One file per process: ctest runs the cases as parallel processes, and one that rewrote another's
+// file (some cases use a wrong password on purpose) would break it mid-handshake.
 std::string WriteUserFile(const std::string& name, const std::string& password) {
-    const std::string path = ::testing::TempDir() + name;
+    const std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-" + name;
     std::ofstream(path) << "TESTDOM:alice:" << password << "\n";
     return path;
 }
