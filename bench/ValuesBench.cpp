@@ -144,7 +144,60 @@ void BM_ImportDistinctValuesChunk(benchmark::State& state) {
     state.SetLabel(copyMode != 0 ? "distinct values, copied" : "distinct values, by pointer");
 }
 
+// One whole import in the host's order, from the table to its end, every request answered by the
+// sink: what a host waits for, phase commands and attribute definitions included.
+void BM_WholeImport(benchmark::State& state) {
+    const auto rows = static_cast<long>(state.range(0));
+    const auto count = static_cast<int>(state.range(1));
+    const long chunkRows = state.range(2);
+    const long distinctCount = 1000;
+    std::vector<std::unique_ptr<BenchAttribute>> records;
+    std::vector<std::unique_ptr<DesktopAttributeDTO>> definitionRecords;
+    CList<CRepoAttribute*> attributes;
+    CList<DesktopAttributeDTO*> definitions;
+    for (int k = 0; k < count; ++k) {
+        records.push_back(std::make_unique<BenchAttribute>(k));
+        attributes.AddTail(records.back().get());
+        definitionRecords.push_back(std::make_unique<DesktopAttributeDTO>());
+        definitionRecords.back()->AttributeName = records.back()->GetName();
+        definitions.AddTail(definitionRecords.back().get());
+    }
+    StoredDistinctValues distinct(static_cast<std::size_t>(distinctCount), 12);
+    const CString table = L"bench table";
+    for (auto _ : state) {
+        CTableRepositoryImport& client = Shared().Client();
+        client.CreateTable(table, L"default", L"", 1, static_cast<int>(rows));
+        int accepted = client.CreateAttributeDefinitions(table, &definitions);
+        for (POSITION pos = attributes.GetHeadPosition(); pos != nullptr;) {
+            const CString name = attributes.GetNext(pos)->GetName();
+            accepted &= client.BeginDistinctValues(table, name);
+            accepted &= client.ImportDistinctValuesChunk(table, name, 0, distinctCount, &distinct, 0);
+            accepted &= client.EndDistinctValues(table, name);
+        }
+        accepted &= client.BeginImportValueIds(table, &attributes);
+        for (long first = 0; first < rows; first += chunkRows) {
+            accepted &= client.ImportValueIdsChunk(table, first, std::min(rows, first + chunkRows),
+                                                   &attributes, 0);
+        }
+        accepted &= client.EndImportValueIds(table, &attributes);
+        accepted &= client.EndImport(table);
+        if (accepted != 1) {
+            state.SkipWithError("the sink refused a step");
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * rows);
+    state.SetLabel("rows of a whole import");
+}
+
 } // namespace
+
+BENCHMARK(BM_WholeImport)
+    ->ArgNames({"rows", "attributes", "chunk"})
+    ->Args({200000, 10, 50000})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(3);
 
 BENCHMARK(BM_ImportValueIdsChunk)
     ->ArgNames({"rows", "attributes"})
