@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian 12 machine, builds, and runs the whole test suite twice: a normal build
-# and an AddressSanitizer + UndefinedBehaviorSanitizer build (LeakSanitizer on).
+# and an AddressSanitizer + UndefinedBehaviorSanitizer build (LeakSanitizer on); then the tests
+# where threads meet under ThreadSanitizer.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
@@ -22,3 +23,10 @@ echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 run_suite "$root/build/asan" -DTRI_SANITIZE=address,undefined
+
+echo "== ThreadSanitizer build of the tests where the library's threads meet the host's"
+unset ASAN_OPTIONS UBSAN_OPTIONS
+cmake -S "$root" -B "$root/build/tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTRI_SANITIZE=thread \
+  -DTRI_BUILD_SERVER=OFF >/dev/null
+cmake --build "$root/build/tsan" -j"$jobs" --target values_test
+TSAN_OPTIONS="halt_on_error=1" "$root/build/tsan/tests/values_test"
