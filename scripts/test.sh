@@ -20,7 +20,7 @@ echo "== normal build"
 run_suite "$root/build/normal"
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
-export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 run_suite "$root/build/asan" -DTRI_SANITIZE=address,undefined
 
