@@ -4,6 +4,8 @@
 #include "auth/ProxyCall.h"
 #include "client/TextConversion.h"
 
+#include <utility>
+
 using web::http::header_names;
 using web::http::http_request;
 using web::http::http_response;
@@ -11,18 +13,18 @@ using web::http::client::http_client;
 
 namespace {
 
-// The comparison is with the number 0 on purpose: a JSON null is a body and goes out as "null".
-bool MeansNoBody(const web::json::value& body) { return body == web::json::value::number(0); }
+// The number 0 serialises to exactly this; a JSON null is a body and goes out as "null".
+bool MeansNoBody(const JsonText& body) { return body.utf8 == "0"; }
 
-void AttachJsonBody(http_request& request, const web::json::value& body,
-                    const utility::string_t& contentType) {
+void AttachJsonBody(http_request& request, JsonText body, const utility::string_t& contentType) {
     if (MeansNoBody(body)) {
         return;
     }
     // set_body names a content type of its own but keeps one that is already there, so the
-    // header set first is the one that goes out.
+    // header set first is the one that goes out. The text is moved into the request's stream:
+    // a chunk's body is never held twice.
     request.headers().set_content_type(contentType);
-    request.set_body(utility::conversions::to_utf8string(body.serialize()), "application/json");
+    request.set_body(std::move(body.utf8), "application/json");
 }
 
 bool IsLocalEndpoint(const http_client& client) {
@@ -38,8 +40,8 @@ pplx::task<http_response> SendPlain(http_client& client, http_request& request) 
 
 pplx::task<http_response> SendWithBearerToken(const AuthenticationSettings& settings,
                                               http_client& client, http_request& request,
-                                              const web::json::value& body) {
-    AttachJsonBody(request, body, U("application/json"));
+                                              JsonText body) {
+    AttachJsonBody(request, std::move(body), U("application/json"));
     request.headers().remove(header_names::authorization);
     utility::string_t token = ToStringT(settings.accessToken);
     utility::string_t value = U("Bearer ");
@@ -54,9 +56,9 @@ pplx::task<http_response> SendWithBearerToken(const AuthenticationSettings& sett
 // replaced by the proxy's, and the proxy learns the real target from the query.
 pplx::task<http_response> SendThroughAuthenticationProxy(const AuthenticationSettings& settings,
                                                          http_client& client, http_request& request,
-                                                         const web::json::value& body) {
+                                                         JsonText body) {
     const CAuthenticationProxyConfiguration& proxy = settings.proxyConfiguration;
-    AttachJsonBody(request, body, U("application/json; charset=utf-8"));
+    AttachJsonBody(request, std::move(body), U("application/json; charset=utf-8"));
     web::uri_builder address(web::uri(ToStringT(proxy.proxyBaseUri)));
     address.append_path(ToStringT(proxy.proxyPath), true);
     address.append_path(client.base_uri().path());
@@ -69,8 +71,8 @@ pplx::task<http_response> SendThroughAuthenticationProxy(const AuthenticationSet
 }
 
 pplx::task<http_response> SendWithNtlmHandshake(http_client& client, http_request& request,
-                                                const web::json::value& body) {
-    AttachJsonBody(request, body, U("application/json"));
+                                                JsonText body) {
+    AttachJsonBody(request, std::move(body), U("application/json"));
     if (IsLocalEndpoint(client)) {
         return SendPlain(client, request);
     }
@@ -81,12 +83,22 @@ pplx::task<http_response> SendWithNtlmHandshake(http_client& client, http_reques
 
 pplx::task<http_response> ExecuteRequest(const AuthenticationSettings& settings,
                                          http_client& client, http_request& request,
-                                         const web::json::value& body) {
+                                         JsonText body) {
     if (!settings.accessToken.empty()) {
-        return SendWithBearerToken(settings, client, request, body);
+        return SendWithBearerToken(settings, client, request, std::move(body));
     }
     if (!settings.proxyConfiguration.proxyBaseUri.IsEmpty()) {
-        return SendThroughAuthenticationProxy(settings, client, request, body);
+        return SendThroughAuthenticationProxy(settings, client, request, std::move(body));
     }
-    return SendWithNtlmHandshake(client, request, body);
+    return SendWithNtlmHandshake(client, request, std::move(body));
+}
+
+pplx::task<http_response> ExecuteRequest(const AuthenticationSettings& settings,
+                                         http_client& client, http_request& request,
+                                         const web::json::value& body) {
+    // The value's own comparison decides, as it always has; "0" then carries that decision.
+    JsonText text{body == web::json::value::number(0)
+                      ? std::string("0")
+                      : utility::conversions::to_utf8string(body.serialize())};
+    return ExecuteRequest(settings, client, request, std::move(text));
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "client/AuthenticationSettings.h"
+#include "client/JsonText.h"
 
 #include <cpprest/http_client.h>
 #include <cpprest/json.h>
@@ -14,3 +15,9 @@ pplx::task<web::http::http_response> ExecuteRequest(const AuthenticationSettings
                                                     web::http::client::http_client& client,
                                                     web::http::http_request& request,
                                                     const web::json::value& body);
+// The same with the body already written as JSON text, sent as it stands; the text "0" (what the
+// number 0 serialises to) means "no body" here too.
+pplx::task<web::http::http_response> ExecuteRequest(const AuthenticationSettings& settings,
+                                                    web::http::client::http_client& client,
+                                                    web::http::http_request& request,
+                                                    JsonText body);

@@ -3,6 +3,8 @@
 #include "client/RequestPipeline.h"
 #include "client/TextConversion.h"
 
+#include <utility>
+
 ServiceAddress::ServiceAddress(const std::wstring& serviceAddress,
                                const utility::string_t& endpointPath)
     : m_builder(web::uri(ToStringT(serviceAddress))) {
@@ -25,4 +27,11 @@ web::http::http_response PostToService(const AuthenticationSettings& settings,
     web::http::client::http_client client{web::uri(address)};
     web::http::http_request request(web::http::methods::POST);
     return ExecuteRequest(settings, client, request, body).get();
+}
+
+web::http::http_response PostToService(const AuthenticationSettings& settings,
+                                       const utility::string_t& address, JsonText body) {
+    web::http::client::http_client client{web::uri(address)};
+    web::http::http_request request(web::http::methods::POST);
+    return ExecuteRequest(settings, client, request, std::move(body)).get();
 }

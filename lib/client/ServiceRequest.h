@@ -1,6 +1,7 @@
 #pragma once
 
 #include "client/AuthenticationSettings.h"
+#include "client/JsonText.h"
 #include "host/Framework.h"
 
 #include <cpprest/http_client.h>
@@ -28,6 +29,8 @@ private:
 web::http::http_response PostToService(const AuthenticationSettings& settings,
                                        const utility::string_t& address,
                                        const web::json::value& body);
+web::http::http_response PostToService(const AuthenticationSettings& settings,
+                                       const utility::string_t& address, JsonText body);
 
 // The operations accept exactly one status, never a range.
 inline int AcceptOnly(const web::http::http_response& response, web::http::status_code accepted) {

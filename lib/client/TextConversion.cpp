@@ -6,7 +6,7 @@
 
 namespace {
 
-void AppendUtf8(std::string& out, unsigned int cp) {
+void AppendCodePoint(std::string& out, unsigned int cp) {
     if (cp < 0x80) {
         out += static_cast<char>(cp);
     } else if (cp < 0x800) {
@@ -36,11 +36,13 @@ using StringTIsWide = std::is_same<utility::char_t, wchar_t>;
 
 } // namespace
 
-std::string ToUtf8(const wchar_t* text, std::size_t length) {
-    std::string out;
-    out.reserve(length);
+void AppendUtf8(std::string& out, const wchar_t* text, std::size_t length) {
     for (std::size_t i = 0; i < length; ++i) {
         auto unit = static_cast<unsigned int>(text[i]);
+        if (unit < 0x80) {
+            out += static_cast<char>(unit);
+            continue;
+        }
         if (IsHighSurrogate(unit)) {
             if (i + 1 == length) {
                 throw std::range_error("UTF-16 string is missing low surrogate");
@@ -53,8 +55,14 @@ std::string ToUtf8(const wchar_t* text, std::size_t length) {
         } else if (unit > 0x10FFFF) {
             unit = 0xFFFD;
         }
-        AppendUtf8(out, unit);
+        AppendCodePoint(out, unit);
     }
+}
+
+std::string ToUtf8(const wchar_t* text, std::size_t length) {
+    std::string out;
+    out.reserve(length);
+    AppendUtf8(out, text, length);
     return out;
 }
 

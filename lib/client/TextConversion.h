@@ -12,6 +12,8 @@
 // UTF-8 of wide code units: surrogate pairs combine, a lone high surrogate is an error
 // (std::range_error) as in cpprestsdk's own UTF-16 conversion.
 std::string ToUtf8(const wchar_t* text, std::size_t length);
+// The same conversion, appended to out.
+void AppendUtf8(std::string& out, const wchar_t* text, std::size_t length);
 inline std::string ToUtf8(const std::wstring& text) { return ToUtf8(text.data(), text.size()); }
 
 std::wstring FromUtf8(const std::string& text);

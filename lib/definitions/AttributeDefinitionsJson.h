@@ -1,5 +1,6 @@
 #pragma once
 
+#include "client/JsonText.h"
 #include "host/AttributeDefinitionRecords.h"
 #include "host/Framework.h"
 
@@ -15,3 +16,8 @@ web::json::value BuildAttributeDefinitionsJson(const CList<DesktopAttributeDTO*>
 web::json::value BuildValueRangesJson(const CList<DesktopValueRangeDTO*>& ranges);
 /// The "Cases" array of one attribute.
 web::json::value BuildCasesJson(const CList<DesktopCaseDTO*>& cases);
+
+/// The same document written directly as the JSON text that serialising
+/// BuildAttributeDefinitionsJson's value gives, without building the value first: a document of
+/// thousands of attributes would otherwise cost hundreds of thousands of small allocations.
+JsonText WriteAttributeDefinitionsJson(const CList<DesktopAttributeDTO*>* attributes);

@@ -1,38 +1,38 @@
 #include "TableRepositoryImport.h"
 
+#include "client/JsonText.h"
 #include "client/ServiceRequest.h"
-#include "client/TextConversion.h"
 #include "values/ValueImport.h"
 
 #include <algorithm>
 #include <cwchar>
 #include <memory>
-#include <string>
 #include <utility>
-#include <vector>
 
 namespace {
 
 // The size the host's CopyValue is written against, terminating NUL included.
 constexpr std::size_t kCopyBufferLength = 10000;
 
-web::json::value TextValue(const wchar_t* text, std::size_t length) {
-    return web::json::value::string(ToStringT(std::wstring(text, length)));
-}
-
 // Every value travels as a JSON string, whatever type the column has on the host: the host
-// renders it as text and the service parses it.
-web::json::value ReadDistinctValues(CDistinctValues& values, long first, long last, int copyMode) {
+// renders it as text and the service parses it. Each value is written out as soon as it is read,
+// so the chunk exists once, as the text of its body.
+JsonText ReadDistinctValues(CDistinctValues& values, long first, long last, int copyMode) {
     // Owned rather than malloc'ed so that an exception from the host's record does not leak it;
     // it is gone again before the request is sent.
     const std::unique_ptr<wchar_t[]> buffer(new wchar_t[kCopyBufferLength]);
-    std::vector<web::json::value> texts;
-    texts.reserve(IndexCount(first, last));
+    JsonText body;
+    body.utf8 += '[';
     values.Prepare();
+    bool firstValue = true;
     ForEachIndex(first, last, [&](int index) {
+        if (!firstValue) {
+            body.utf8 += ',';
+        }
+        firstValue = false;
         if (copyMode == 0) {
             const wchar_t* text = values.GetValue(index);
-            texts.push_back(TextValue(text, std::wcslen(text)));
+            AppendJsonString(body.utf8, text, std::wcslen(text));
             return;
         }
         // Cleared before every call: a CopyValue that writes nothing stands for the empty text,
@@ -40,9 +40,10 @@ web::json::value ReadDistinctValues(CDistinctValues& values, long first, long la
         buffer[0] = L'\0';
         values.CopyValue(index, buffer.get());
         const wchar_t* end = std::find(buffer.get(), buffer.get() + kCopyBufferLength, L'\0');
-        texts.push_back(TextValue(buffer.get(), static_cast<std::size_t>(end - buffer.get())));
+        AppendJsonString(body.utf8, buffer.get(), static_cast<std::size_t>(end - buffer.get()));
     });
-    return web::json::value::array(std::move(texts));
+    body.utf8 += ']';
+    return body;
 }
 
 } // namespace
@@ -53,7 +54,7 @@ int CTableRepositoryImport::ImportDistinctValuesChunk(CString table, CString att
                                                       int copyMode) {
     const ServiceAddress address =
         AttributeAddress(serverBaseUri, table, U("DistinctValues"), attribute);
-    const web::json::value body = ReadDistinctValues(*values, first, last, copyMode);
-    return AcceptOnly(PostToService(*authenticationSettings, address.ToString(), body),
+    JsonText body = ReadDistinctValues(*values, first, last, copyMode);
+    return AcceptOnly(PostToService(*authenticationSettings, address.ToString(), std::move(body)),
                       web::http::status_codes::OK);
 }

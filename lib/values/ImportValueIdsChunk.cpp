@@ -5,32 +5,29 @@
 #include "client/TextConversion.h"
 #include "values/ValueImport.h"
 
+#include <cstdint>
 #include <utility>
 #include <vector>
 
 namespace {
 
-// One JSON array per attribute, in list order, each holding the ids of the chunk's rows in row
-// order. GetValueIds is asked anew for every row: the host may hand out a different reader each
-// time. All of it is read before the first request, so the host's records are done with before
-// anything goes on the wire.
-std::vector<web::json::value> ReadValueIdColumns(CList<CRepoAttribute*>* attributes, long first,
-                                                 long last) {
-    std::vector<std::vector<web::json::value>> ids(static_cast<std::size_t>(attributes->GetCount()));
-    for (std::vector<web::json::value>& column : ids) {
+// The ids of the chunk's rows per attribute, in list order and row order. GetValueIds is asked
+// anew for every row: the host may hand out a different reader each time. All of it is read
+// before the first request, so the host's records are done with before anything goes on the
+// wire; as plain integers a chunk costs four bytes per id until its column is written out.
+std::vector<std::vector<std::int32_t>> ReadValueIdColumns(CList<CRepoAttribute*>* attributes,
+                                                          long first, long last) {
+    std::vector<std::vector<std::int32_t>> columns(
+        static_cast<std::size_t>(attributes->GetCount()));
+    for (std::vector<std::int32_t>& column : columns) {
         column.reserve(IndexCount(first, last));
     }
     ForEachIndex(first, last, [&](int row) {
-        auto column = ids.begin();
+        auto column = columns.begin();
         ForEachAttribute(attributes, [&](CRepoAttribute* attribute) {
-            (column++)->push_back(web::json::value::number(attribute->GetValueIds()->GetValueId(row)));
+            (column++)->push_back(attribute->GetValueIds()->GetValueId(row));
         });
     });
-    std::vector<web::json::value> columns;
-    columns.reserve(ids.size());
-    for (std::vector<web::json::value>& column : ids) {
-        columns.push_back(web::json::value::array(std::move(column)));
-    }
     return columns;
 }
 
@@ -45,13 +42,17 @@ utility::string_t AttributeValueIdsAddress(const utility::string_t& chunkAddress
 // waits, so the host's records are never touched by two threads at once.
 int UploadValueIdColumns(CList<CRepoAttribute*>* attributes, long first, long last,
                          utility::string_t chunkAddress, const AuthenticationSettings& settings) {
-    std::vector<web::json::value> columns = ReadValueIdColumns(attributes, first, last);
+    std::vector<std::vector<std::int32_t>> columns = ReadValueIdColumns(attributes, first, last);
     auto next = columns.begin();
     return UntilRefused(attributes, [&](CRepoAttribute* attribute) {
-        // Each column is let go once sent, so the chunk's footprint shrinks as it goes out.
-        const web::json::value column = std::move(*next++);
+        // Each column becomes text only when its turn comes and is let go once sent, so the
+        // chunk's footprint shrinks as it goes out.
+        std::vector<std::int32_t> column = std::move(*next++);
+        JsonText body = JsonIntArray(column.data(), column.size());
+        column = std::vector<std::int32_t>();
         const utility::string_t address = AttributeValueIdsAddress(chunkAddress, attribute->GetName());
-        return AcceptOnly(PostToService(settings, address, column), web::http::status_codes::OK);
+        return AcceptOnly(PostToService(settings, address, std::move(body)),
+                          web::http::status_codes::OK);
     });
 }
 

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "host/Framework.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+// JSON written straight to UTF-8 text, for the bodies sent in bulk (value ids, distinct values,
+// the attribute document). Holding those as web::json::value costs tens of bytes and two
+// allocations per element before serialize() copies everything once more; the text is what goes
+// on the wire anyway. The output is byte for byte what serialize() gives for the same value:
+// the same escapes (\" \\ \b \f \n \r \t, \u00XX with upper-case hex for the other control
+// characters, nothing else escaped), integers in plain decimal, members of an object in the
+// byte order of their names as the default object keeps them.
+
+// A request body that is already JSON text and goes out unchanged.
+struct JsonText {
+    std::string utf8;
+};
+
+// Appends text as a JSON string. Wide text is converted as ToUtf8 converts it, with the same
+// errors, so a value that cannot be sent fails here exactly where building a JSON value would.
+void AppendJsonString(std::string& out, const wchar_t* text, std::size_t length);
+// A CString as the host hands it to a C API: up to its first NUL.
+void AppendJsonString(std::string& out, const CString& text);
+void AppendJsonInt(std::string& out, std::int32_t number);
+inline void AppendJsonBool(std::string& out, bool flag) { out += flag ? "true" : "false"; }
+
+// A JSON array of 32-bit integers.
+JsonText JsonIntArray(const std::int32_t* numbers, std::size_t count);
