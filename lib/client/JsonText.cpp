@@ -4,6 +4,7 @@
 
 #include <charconv>
 #include <cwchar>
+#include <memory>
 
 namespace {
 
@@ -68,17 +69,21 @@ void AppendJsonInt(std::string& out, std::int32_t number) {
 }
 
 JsonText JsonIntArray(const std::int32_t* numbers, std::size_t count) {
-    JsonText body;
-    // Ids of a chunk are mostly short; reserving for seven characters each avoids most regrowth
-    // without holding much more than the text needs.
-    body.utf8.reserve(2 + count * 7);
-    body.utf8 += '[';
+    // Written into a scratch block sized for the longest possible text, then copied once into a
+    // string of the exact length: appending number by number costs a capacity check per number and
+    // regrowth copies, and the scratch block is never cleared first.
+    constexpr std::size_t kLongest = sizeof "-2147483648,";
+    const std::unique_ptr<char[]> scratch(new char[2 + count * kLongest]);
+    char* const begin = scratch.get();
+    char* const limit = begin + 2 + count * kLongest;
+    char* out = begin;
+    *out++ = '[';
     for (std::size_t i = 0; i < count; ++i) {
         if (i != 0) {
-            body.utf8 += ',';
+            *out++ = ',';
         }
-        AppendJsonInt(body.utf8, numbers[i]);
+        out = std::to_chars(out, limit, numbers[i]).ptr;
     }
-    body.utf8 += ']';
-    return body;
+    *out++ = ']';
+    return JsonText{std::string(begin, out)};
 }
