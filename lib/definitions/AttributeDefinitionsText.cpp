@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace {
@@ -133,12 +134,39 @@ void WriteAttribute(std::string& out, const DesktopAttributeDTO* attribute) {
 #undef CODE_MEMBER
 #undef FLAG_MEMBER
 
+// Counts what would be appended.
+struct Measure {
+    std::size_t bytes = 0;
+    Measure& operator+=(char) { ++bytes; return *this; }
+    Measure& operator+=(const std::string& text) { bytes += text.size(); return *this; }
+};
+
+// Each attribute is written into scratch, which keeps its capacity from one to the next, and
+// appended from there.
+template <class Out>
+void WriteDocument(Out& out, std::string& scratch, const CList<DesktopAttributeDTO*>& attributes) {
+    out += '[';
+    for (POSITION pos = attributes.GetHeadPosition(); pos != nullptr;) {
+        if (pos != attributes.GetHeadPosition()) {
+            out += ',';
+        }
+        scratch.clear();
+        WriteAttribute(scratch, attributes.GetNext(pos));
+        out += scratch;
+    }
+    out += ']';
+}
+
 } // namespace
 
 JsonText WriteAttributeDefinitionsJson(const CList<DesktopAttributeDTO*>* attributes) {
-    JsonText document;
+    // Two passes: the first only measures, so that the document is allocated once at its exact
+    // size. Growing it instead copies everything at each doubling onto freshly mapped pages, and
+    // the time per attribute then rises with the size of the document.
+    std::string scratch;
+    Measure size;
     try {
-        WriteArray(document.utf8, *attributes, WriteAttribute);
+        WriteDocument(size, scratch, *attributes);
     } catch (const std::range_error&) {
         // Text that cannot be converted fails in whichever member is met first, and members are
         // written here in name order, not in the order the value is built in. Building the value
@@ -146,5 +174,8 @@ JsonText WriteAttributeDefinitionsJson(const CList<DesktopAttributeDTO*>* attrib
         BuildAttributeDefinitionsJson(attributes);
         throw;
     }
+    JsonText document;
+    document.utf8.reserve(size.bytes);
+    WriteDocument(document.utf8, scratch, *attributes);
     return document;
 }
