@@ -66,7 +66,9 @@ pplx::task<http_response> SendThroughAuthenticationProxy(const AuthenticationSet
     address.append_query(U("lxserver"), ToStringT(proxy.serverName));
     address.append_query(U("lxauth"),
                          utility::string_t(ProxyAuthenticationKind(proxy.authenticationType)));
-    http_client proxyClient(address.to_uri());
+    // The operation's client settings (only its transfer chunk size ever differs from the
+    // default) carry over to the client that goes through the proxy.
+    http_client proxyClient(address.to_uri(), client.client_config());
     return proxyClient.request(request);
 }
 

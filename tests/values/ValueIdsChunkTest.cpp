@@ -89,6 +89,45 @@ TEST_F(ValueIdsChunk, SendsOneColumnPerAttributeInRowOrder) {
     }
 }
 
+// Bodies of several MiB leave in larger transfer chunks than small ones; the bytes must not change.
+TEST_F(ValueIdsChunk, LargeColumnsArriveByteForByte) {
+    struct Ids : CValueIds {
+        int k = 0;
+        int GetValueId(int row) override {
+            return static_cast<int>((row * 7919LL + k) % 2000003 - 1000001);
+        }
+    };
+    struct Column : CRepoAttribute {
+        Ids ids;
+        CString name;
+        CString GetName() override { return name; }
+        int GetType() override { return 0; }
+        CDistinctValues* GetDistinctValues() override { return nullptr; }
+        CValueIds* GetValueIds() override { return &ids; }
+    };
+    Column columns[2];
+    CList<CRepoAttribute*> list;
+    for (int k = 0; k < 2; ++k) {
+        columns[k].ids.k = k;
+        columns[k].name = k == 0 ? L"a" : L"b";
+        list.AddTail(&columns[k]);
+    }
+    ConnectedClient client(service.BaseUrl());
+    constexpr int kRows = 300000;
+    ASSERT_EQ(client->ImportValueIdsChunk(L"t", 0, kRows, &list, 0), 1);
+    const auto requests = service.Requests();
+    ASSERT_EQ(requests.size(), 2u);
+    for (int k = 0; k < 2; ++k) {
+        std::vector<web::json::value> ids;
+        for (int row = 0; row < kRows; ++row) {
+            ids.push_back(web::json::value::number(columns[k].ids.GetValueId(row)));
+        }
+        const std::string expected = web::json::value::array(ids).serialize();
+        ASSERT_GT(expected.size(), 2u * 1024 * 1024);
+        EXPECT_TRUE(requests[static_cast<std::size_t>(k)].body == expected) << "attribute " << k;
+    }
+}
+
 TEST_F(ValueIdsChunk, ReadsRowByRowAcrossAttributesAskingForTheReaderEachTime) {
     ConnectedClient client(service.BaseUrl());
     HostLog log(clock);
