@@ -161,6 +161,12 @@ TEST(LxrepoFailures, ExitStatusAndMessageNameWhatFailed) {
                 << run.err;
         }
     }
+    // Every run withdrew its registration, the refused ones too: the proxy no longer connects
+    // the client.
+    const auto connect = servertest::Send(
+        deployment.ProxyUrl(), "GET", {servertest::Word("connect")}, std::nullopt,
+        {{"lxclient", "lxrepo"}, {"lxserver", deployment.ServiceUrl()}, {"lxauth", "windows"}});
+    EXPECT_EQ(connect.status, 401) << connect.body;
     // Refused imports left the first one alone; --overwrite replaces it.
     EXPECT_EQ(QueryRows(deployment.Database(), "select count(*) from sales"),
               (std::vector<Row>{{"2"}}));
