@@ -69,7 +69,7 @@ void SendDistinctValues(CTableRepositoryImport& client, const CString& tableId, 
                         CsvAttribute& attribute, const ColumnScan& column, long chunkRows,
                         ProgressBar& progress) {
     const std::string what = "the distinct values of attribute " + Quoted(column.name);
-    progress.Begin(column.name);
+    progress.Begin("distinct " + column.name);
     const CString name = ToCString(column.name);
     steps.Require(steps.Send(what, [&] { return client.BeginDistinctValues(tableId, name); }),
                   "the start of " + what);

@@ -118,6 +118,7 @@ TableScan ScanTable(const std::string& path, char delimiter, const PassProgress&
     if (header) {
         throw MalformedCsv(1, "the file has no header line");
     }
+    progress(scan.rows, 1.0);
     return scan;
 }
 
