@@ -65,6 +65,29 @@ void Connect(RepositorySession& session, const ImportOptions& options) {
     }
 }
 
+// The authorization check for the class, then the table itself; returns the service's id.
+CString CreateTable(CTableRepositoryImport& client, Steps& steps, const ImportOptions& options,
+                    const std::string& table, long rows) {
+    if (steps.Send("the authorization check",
+                   [&] { return client.IsAuthorized(ToCString(options.tableClass)); }) == 0) {
+        throw Failure(kRefused, "The service does not authorize imports of class " +
+                                    Quoted(options.tableClass) + " (table " + Quoted(table) + ").");
+    }
+    const std::tuple<int, CString> created = steps.Send("the table creation", [&] {
+        return client.CreateTable(ToCString(table), ToCString(options.tableClass),
+                                  ToCString(options.description), options.overwrite ? 1 : 0,
+                                  static_cast<int>(rows));
+    });
+    const int status = std::get<0>(created);
+    if (status != 201) {
+        throw Failure(kRefused,
+                      "The service refused to create table " + Quoted(table) + " (HTTP " +
+                          std::to_string(status) + ")" +
+                          (status == 409 ? "; it exists, --overwrite replaces it." : "."));
+    }
+    return std::get<1>(created);
+}
+
 void SendDistinctValues(CTableRepositoryImport& client, const CString& tableId, Steps& steps,
                         CsvAttribute& attribute, const ColumnScan& column, long chunkRows,
                         ProgressBar& progress) {
@@ -145,25 +168,7 @@ ImportSummary ImportCsvFile(const ImportOptions& options, ProgressBar& progress)
     Connect(session, options);
     CTableRepositoryImport& client = session.Client();
     Steps steps(summary.table);
-    if (steps.Send("the authorization check",
-                   [&] { return client.IsAuthorized(ToCString(options.tableClass)); }) == 0) {
-        throw Failure(kRefused, "The service does not authorize imports of class " +
-                                    Quoted(options.tableClass) + " (table " +
-                                    Quoted(summary.table) + ").");
-    }
-    const std::tuple<int, CString> created = steps.Send("the table creation", [&] {
-        return client.CreateTable(ToCString(summary.table), ToCString(options.tableClass),
-                                  ToCString(options.description), options.overwrite ? 1 : 0,
-                                  static_cast<int>(scan.rows));
-    });
-    const int status = std::get<0>(created);
-    const CString tableId = std::get<1>(created);
-    if (status != 201) {
-        throw Failure(kRefused,
-                      "The service refused to create table " + Quoted(summary.table) + " (HTTP " +
-                          std::to_string(status) + ")" +
-                          (status == 409 ? "; it exists, --overwrite replaces it." : "."));
-    }
+    const CString tableId = CreateTable(client, steps, options, summary.table, scan.rows);
     summary.tableId = ToUtf8(tableId);
 
     CsvTableRecords records(scan);
