@@ -15,8 +15,9 @@ packages=(
   libsqlite3-dev sqlite3 nlohmann-json3-dev
   libcli11-dev libcsv-dev libcurl4-openssl-dev
 )
-# The OpenID provider the login tests run against is a Node program.
-if ! command -v node >/dev/null 2>&1 || ! command -v npm >/dev/null 2>&1; then
+# The OpenID provider the login tests run against is a Node program; TRI_SKIP_NODE=1 (the demo)
+# leaves Node and the provider's packages out.
+if [ "${TRI_SKIP_NODE:-}" != "1" ] && { ! command -v node >/dev/null 2>&1 || ! command -v npm >/dev/null 2>&1; }; then
   packages+=(nodejs npm)
 fi
 
@@ -31,6 +32,6 @@ fi
 
 # The OpenID provider's own packages, pinned by the lock file.
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-if [ -f "$root/tests/oidc/package-lock.json" ]; then
+if [ "${TRI_SKIP_NODE:-}" != "1" ] && [ -f "$root/tests/oidc/package-lock.json" ]; then
   npm ci --prefix "$root/tests/oidc" --no-audit --no-fund --loglevel=error
 fi
