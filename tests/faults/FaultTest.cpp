@@ -58,8 +58,8 @@ struct Operation {
     bool flattens;
     // Whether the operation reads the answer's body (and so waits for all of it).
     bool readsBody;
-    FaultAnswer accepted;  // the answer the operation takes as success
-    std::string success;   // what the host sees for it
+    FaultAnswer accepted; // the answer the operation takes as success
+    std::string success;  // what the host sees for it
     // Runs the operation against the server at url; returns what the host sees.
     std::function<std::string(const std::string& url)> run;
 };
@@ -122,8 +122,7 @@ const std::vector<Operation>& Operations() {
              const auto client = NewClient();
              client->RegisterWithAuthenticationProxy(ProxyAt(url));
              const TestConnectionResult result = client->TestConnection(L"http://repo.test:1");
-             return "status " + std::to_string(result.status) + " version " +
-                    Utf8(result.version);
+             return "status " + std::to_string(result.status) + " version " + Utf8(result.version);
          }},
         {"IsAuthorized", Target::Service, false, false, Json(200, "{}"), "1",
          OnService([](CTableRepositoryImport& c, HostLog&) { return c.IsAuthorized(L"sales"); })},
@@ -143,9 +142,8 @@ const std::vector<Operation>& Operations() {
              return c.BeginDistinctValues(L"T1", L"a");
          })},
         {"EndDistinctValues", Target::Service, false, false, Json(200, "{}"), "1",
-         OnService([](CTableRepositoryImport& c, HostLog&) {
-             return c.EndDistinctValues(L"T1", L"a");
-         })},
+         OnService(
+             [](CTableRepositoryImport& c, HostLog&) { return c.EndDistinctValues(L"T1", L"a"); })},
         {"ImportDistinctValuesChunk", Target::Service, false, false, Json(200, "{}"), "1",
          OnService([](CTableRepositoryImport& c, HostLog& log) {
              FakeDistinctValues values(log, {{0, "x"}, {1, "y"}});
@@ -194,10 +192,21 @@ enum class Bad {
 
 const char* Name(Bad bad) {
     static const char* const names[] = {
-        "Refused",       "CloseBeforeAnswer", "CloseInHeaders",         "CloseInBody",
-        "ContentLengthTooLarge", "Slow",      "Garbage",                "Body100MB",
-        "NtlmChallengeEmpty",    "NtlmChallengeNotBase64", "NtlmChallengeHuge", "JsonMalformed",
-        "JsonTruncated",         "JsonNested100000",       "JsonWrongType",
+        "Refused",
+        "CloseBeforeAnswer",
+        "CloseInHeaders",
+        "CloseInBody",
+        "ContentLengthTooLarge",
+        "Slow",
+        "Garbage",
+        "Body100MB",
+        "NtlmChallengeEmpty",
+        "NtlmChallengeNotBase64",
+        "NtlmChallengeHuge",
+        "JsonMalformed",
+        "JsonTruncated",
+        "JsonNested100000",
+        "JsonWrongType",
     };
     return names[static_cast<int>(bad)];
 }
@@ -220,7 +229,7 @@ FaultAnswer Challenge(std::string value) {
 
 // How the server answers the operation's request for this fault.
 std::pair<Fault, FaultAnswer> Plan(const Operation& op, Bad bad) {
-    const bool version = op.target == Target::Proxy;  // the connection test's JSON
+    const bool version = op.target == Target::Proxy; // the connection test's JSON
     switch (bad) {
     case Bad::Refused:
         return {Fault::Refuse, op.accepted};
@@ -244,16 +253,14 @@ std::pair<Fault, FaultAnswer> Plan(const Operation& op, Bad bad) {
     case Bad::NtlmChallengeNotBase64:
         return {Fault::Answer, Challenge("NTLM ####****")};
     case Bad::NtlmChallengeHuge:
-        return {Fault::Answer,
-                Challenge("NTLM " + utility::conversions::to_base64(
-                                        std::vector<unsigned char>(1 << 20, 0x4e)))};
+        return {Fault::Answer, Challenge("NTLM " + utility::conversions::to_base64(
+                                                       std::vector<unsigned char>(1 << 20, 0x4e)))};
     case Bad::JsonMalformed:
         return {Fault::Answer, WithBody(op, R"({"a": nope})")};
     case Bad::JsonTruncated:
         return {Fault::Answer, WithBody(op, op.accepted.body.substr(0, 8))};
     case Bad::JsonNested100000:
-        return {Fault::Answer,
-                WithBody(op, std::string(100000, '[') + std::string(100000, ']'))};
+        return {Fault::Answer, WithBody(op, std::string(100000, '[') + std::string(100000, ']'))};
     case Bad::JsonWrongType:
         return {Fault::Answer, WithBody(op, version ? R"({"version":2})" : R"({"tableID":42})")};
     }
@@ -344,9 +351,14 @@ struct Row {
 void PrintTo(const Row& row, std::ostream* os) { *os << row.op->name << " / " << Name(row.bad); }
 
 std::vector<Row> Rows() {
-    const Bad everywhere[] = {Bad::Refused,     Bad::CloseBeforeAnswer,     Bad::CloseInHeaders,
-                              Bad::CloseInBody, Bad::ContentLengthTooLarge, Bad::Slow,
-                              Bad::Garbage,     Bad::Body100MB};
+    const Bad everywhere[] = {Bad::Refused,
+                              Bad::CloseBeforeAnswer,
+                              Bad::CloseInHeaders,
+                              Bad::CloseInBody,
+                              Bad::ContentLengthTooLarge,
+                              Bad::Slow,
+                              Bad::Garbage,
+                              Bad::Body100MB};
     const Bad ntlm[] = {Bad::NtlmChallengeEmpty, Bad::NtlmChallengeNotBase64,
                         Bad::NtlmChallengeHuge};
     const Bad json[] = {Bad::JsonMalformed, Bad::JsonTruncated, Bad::JsonNested100000,
@@ -374,7 +386,8 @@ std::vector<Row> Rows() {
 
 std::size_t ThreadCount() {
     std::size_t count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    for ([[maybe_unused]] const auto& entry :
+         std::filesystem::directory_iterator("/proc/self/task")) {
         ++count;
     }
     return count;
@@ -415,10 +428,9 @@ TEST_P(Faults, HostSeesTheDocumentedOutcomeAndNoThreadIsLeft) {
     EXPECT_EQ(ThreadCount(), baseline);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    OperationTimesFault, Faults, ::testing::ValuesIn(Rows()),
-    [](const ::testing::TestParamInfo<Row>& info) {
-        return std::string(info.param.op->name) + "_" + Name(info.param.bad);
-    });
+INSTANTIATE_TEST_SUITE_P(OperationTimesFault, Faults, ::testing::ValuesIn(Rows()),
+                         [](const ::testing::TestParamInfo<Row>& info) {
+                             return std::string(info.param.op->name) + "_" + Name(info.param.bad);
+                         });
 
 } // namespace

@@ -52,8 +52,8 @@ const char* Reason(int status) {
 }
 
 std::string Head(const FaultAnswer& answer, std::size_t contentLength, bool close) {
-    std::string head = "HTTP/1.1 " + std::to_string(answer.status) + " " + Reason(answer.status) +
-                       "\r\n";
+    std::string head =
+        "HTTP/1.1 " + std::to_string(answer.status) + " " + Reason(answer.status) + "\r\n";
     for (const auto& [name, value] : answer.headers) {
         head += name + ": " + value + "\r\n";
     }
@@ -207,7 +207,8 @@ bool FaultServer::ReadRequest(int connection, std::string& pending) {
         pending.erase(0, end + 5);
         return true;
     }
-    const std::size_t bodyLength = std::strtoull(HeaderIn(head, "content-length").c_str(), nullptr, 10);
+    const std::size_t bodyLength =
+        std::strtoull(HeaderIn(head, "content-length").c_str(), nullptr, 10);
     while (pending.size() < bodyLength) {
         if (!readMore()) {
             return false;

@@ -17,14 +17,14 @@
 namespace testsupport {
 
 enum class Fault {
-    Answer,                 // the answer as given, keeping the connection open for more requests
-    Refuse,                 // the port is closed: connecting fails
-    CloseBeforeAnswer,      // the request is read, then the connection is closed without a byte
-    CloseInHeaders,         // half of the status line and headers, then close
-    CloseInBody,            // the headers and half of the body, then close
-    ContentLengthTooLarge,  // Content-Length promises more than the body that follows, then close
-    Slow,                   // the head's end a byte a second, then the body: 5 to 7 s in all
-    Garbage,                // bytes that are not HTTP, then close
+    Answer,                // the answer as given, keeping the connection open for more requests
+    Refuse,                // the port is closed: connecting fails
+    CloseBeforeAnswer,     // the request is read, then the connection is closed without a byte
+    CloseInHeaders,        // half of the status line and headers, then close
+    CloseInBody,           // the headers and half of the body, then close
+    ContentLengthTooLarge, // Content-Length promises more than the body that follows, then close
+    Slow,                  // the head's end a byte a second, then the body: 5 to 7 s in all
+    Garbage,               // bytes that are not HTTP, then close
 };
 
 struct FaultAnswer {
@@ -48,7 +48,7 @@ public:
     FaultServer& operator=(const FaultServer&) = delete;
 
     std::string BaseUrl() const;
-    std::size_t RequestCount() const;  // complete requests read so far
+    std::size_t RequestCount() const; // complete requests read so far
 
 private:
     void AcceptLoop();
@@ -56,7 +56,7 @@ private:
     bool ReadRequest(int connection, std::string& pending);
     void SendAnswer(int connection, const FaultAnswer& answer, Fault fault);
     bool SendAll(int connection, const std::string& bytes);
-    bool Pause(int milliseconds);  // false once the server is stopping
+    bool Pause(int milliseconds); // false once the server is stopping
 
     const Fault m_fault;
     const FaultAnswer m_answer;
@@ -70,9 +70,9 @@ private:
     bool m_stop = false;
     std::size_t m_requests = 0;
     std::size_t m_connections = 0;
-    std::vector<int> m_open;  // connection sockets not yet closed
+    std::vector<int> m_open; // connection sockets not yet closed
     std::vector<std::thread> m_threads;
     std::thread m_acceptor;
 };
 
-}  // namespace testsupport
+} // namespace testsupport
