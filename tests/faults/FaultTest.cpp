@@ -407,7 +407,7 @@ protected:
 TEST_P(Faults, HostSeesTheDocumentedOutcomeAndNoThreadIsLeft) {
     const Row& row = GetParam();
     const Operation& op = *row.op;
-    std::size_t baseline = ThreadCount();
+    const std::size_t baseline = ThreadCount();
     {
         const auto [fault, answer] = Plan(op, row.bad);
         // The connection test registers first; that request is answered well.
@@ -416,6 +416,9 @@ TEST_P(Faults, HostSeesTheDocumentedOutcomeAndNoThreadIsLeft) {
                            IsNtlm(row.bad) ? "127.0.0.2" : "127.0.0.1");
         const auto started = std::chrono::steady_clock::now();
         EXPECT_EQ(Outcome([&] { return op.run(server.BaseUrl()); }), Expected(op, row.bad));
+        // The outcome came from the fault: the request under test reached the server (unless
+        // nothing listened), and nothing was sent again.
+        EXPECT_EQ(server.RequestCount(), answeredFirst + (row.bad == Bad::Refused ? 0 : 1));
         if (row.bad == Bad::Slow) {
             // The answer really was slow, and was waited for rather than given up on.
             EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::seconds(4));
