@@ -175,6 +175,12 @@ void FaultServer::Serve(int connection) {
         m_open.erase(std::find(m_open.begin(), m_open.end(), connection));
     }
     ::close(connection);
+    m_closed.notify_all();
+}
+
+bool FaultServer::WaitUntilAllClosed(std::chrono::milliseconds timeout) const {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_closed.wait_for(lock, timeout, [this] { return m_open.empty(); });
 }
 
 // Reads one request head and its body (by Content-Length, or up to the last chunk) into nothing;

@@ -6,6 +6,7 @@
 // socket down (so a client that is still reading sees the connection end) and joins them all.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
@@ -49,6 +50,9 @@ public:
 
     std::string BaseUrl() const;
     std::size_t RequestCount() const; // complete requests read so far
+    // True once every connection accepted so far has ended: closed by the client, or by the
+    // server after its fault. False if one is still open after timeout.
+    bool WaitUntilAllClosed(std::chrono::milliseconds timeout) const;
 
 private:
     void AcceptLoop();
@@ -67,6 +71,7 @@ private:
 
     mutable std::mutex m_mutex;
     std::condition_variable m_stopping;
+    mutable std::condition_variable m_closed;
     bool m_stop = false;
     std::size_t m_requests = 0;
     std::size_t m_connections = 0;
