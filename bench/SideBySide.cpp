@@ -5,6 +5,7 @@
 //   raw       the same request bytes, formatted beforehand, written to one socket.
 // Prints times, MB/s, the ratios and the library's heap peak per chunk. See README.md.
 #include "BaselineClient.h"
+#include "BenchHost.h"
 #include "DiscardingServer.h"
 #include "HeapGauge.h"
 #include "RawStream.h"
@@ -94,19 +95,7 @@ private:
     const std::vector<std::int32_t>& m_ids;
 };
 
-class Column : public CRepoAttribute {
-public:
-    Column(int k, const std::vector<std::int32_t>& ids)
-        : m_name(("column " + std::to_string(k)).c_str()), m_ids(ids) {}
-    CString GetName() override { return m_name; }
-    int GetType() override { return 0; }
-    CDistinctValues* GetDistinctValues() override { return nullptr; }
-    CValueIds* GetValueIds() override { return &m_ids; }
-
-private:
-    CString m_name;
-    ColumnIds m_ids;
-};
+using Column = BenchColumn<ColumnIds>;
 
 class Vocabulary : public CDistinctValues {
 public:
@@ -123,23 +112,6 @@ public:
 private:
     const std::vector<std::wstring>& m_strings;
 };
-
-// A client whose connection test against the sink fixed the sink's address; requests to the
-// loopback address then go out plain, as a host's would to a local service.
-std::unique_ptr<CTableRepositoryImport> ConnectedClient(const DiscardingServer& sink) {
-    std::unique_ptr<CTableRepositoryImport> client(
-        static_cast<CTableRepositoryImport*>(new_TableRepositoryImport()));
-    const CString url(sink.BaseUrl().c_str());
-    CAuthenticationProxyConfiguration proxy;
-    proxy.proxyBaseUri = url;
-    proxy.registrationPath = L"/register";
-    proxy.clientName = L"bench";
-    client->RegisterWithAuthenticationProxy(proxy);
-    if (client->TestConnection(url).status != VersionNotSupported) {
-        throw std::runtime_error("the sink did not fix the service address");
-    }
-    return client;
-}
 
 struct Measurement {
     double milliseconds = 0;
@@ -231,7 +203,7 @@ int main(int argc, char** argv) try {
     const Options options = Parse(argc, argv);
     const HostTable host = MakeHostTable(options);
     DiscardingServer sink;
-    const std::unique_ptr<CTableRepositoryImport> client = ConnectedClient(sink);
+    const std::unique_ptr<CTableRepositoryImport> client = ClientOfSink(sink);
     BaselineClient baseline(sink.BaseUrl());
     RawStream raw(sink.BaseUrl());
 

@@ -1,5 +1,6 @@
 // Throughput and per-chunk heap peak of the two chunk uploads, on loopback against a sink that
 // reads and drops every body. Run the Release build; see README.md for this machine's figures.
+#include "BenchHost.h"
 #include "DiscardingServer.h"
 #include "HeapGauge.h"
 
@@ -18,21 +19,9 @@
 
 namespace {
 
-// A client whose connection test against the sink fixed the sink's address; requests to the
-// loopback address then go out plain, as a host's would to a local service.
 class Environment {
 public:
-    Environment() : m_client(static_cast<CTableRepositoryImport*>(new_TableRepositoryImport())) {
-        const CString url(m_sink.BaseUrl().c_str());
-        CAuthenticationProxyConfiguration proxy;
-        proxy.proxyBaseUri = url;
-        proxy.registrationPath = L"/register";
-        proxy.clientName = L"bench";
-        m_client->RegisterWithAuthenticationProxy(proxy);
-        if (m_client->TestConnection(url).status != VersionNotSupported) {
-            throw std::runtime_error("the sink did not fix the service address");
-        }
-    }
+    Environment() : m_client(ClientOfSink(m_sink)) {}
 
     CTableRepositoryImport& Client() { return *m_client; }
     const DiscardingServer& Sink() const { return m_sink; }
@@ -56,18 +45,7 @@ private:
     int m_salt;
 };
 
-class BenchAttribute : public CRepoAttribute {
-public:
-    explicit BenchAttribute(int k) : m_name(("column " + std::to_string(k)).c_str()), m_ids(k) {}
-    CString GetName() override { return m_name; }
-    int GetType() override { return 0; }
-    CDistinctValues* GetDistinctValues() override { return nullptr; }
-    CValueIds* GetValueIds() override { return &m_ids; }
-
-private:
-    CString m_name;
-    ComputedValueIds m_ids;
-};
+using BenchAttribute = BenchColumn<ComputedValueIds>;
 
 class StoredDistinctValues : public CDistinctValues {
 public:
@@ -123,7 +101,7 @@ void BM_ImportValueIdsChunk(benchmark::State& state) {
     std::vector<std::unique_ptr<BenchAttribute>> records;
     CList<CRepoAttribute*> attributes;
     for (int k = 0; k < count; ++k) {
-        records.push_back(std::make_unique<BenchAttribute>(k));
+        records.push_back(std::make_unique<BenchAttribute>(k, k));
         attributes.AddTail(records.back().get());
     }
     MeasureChunks(state, rows * count, [&](CTableRepositoryImport& client) {
@@ -156,7 +134,7 @@ void BM_WholeImport(benchmark::State& state) {
     CList<CRepoAttribute*> attributes;
     CList<DesktopAttributeDTO*> definitions;
     for (int k = 0; k < count; ++k) {
-        records.push_back(std::make_unique<BenchAttribute>(k));
+        records.push_back(std::make_unique<BenchAttribute>(k, k));
         attributes.AddTail(records.back().get());
         definitionRecords.push_back(std::make_unique<DesktopAttributeDTO>());
         definitionRecords.back()->AttributeName = records.back()->GetName();
