@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian 12 machine, builds, and runs the whole test suite twice: a normal build
 # and an AddressSanitizer + UndefinedBehaviorSanitizer build (LeakSanitizer on); then the tests
-# where threads meet under ThreadSanitizer.
+# where threads meet under ThreadSanitizer. One whole import also runs under valgrind memcheck
+# on the normal build.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
@@ -18,6 +19,11 @@ run_suite() {
 
 echo "== normal build"
 run_suite "$root/build/normal"
+
+echo "== Valgrind memcheck of one whole import (library, proxy and service in one process)"
+valgrind --quiet --error-exitcode=1 --leak-check=full --errors-for-leak-kinds=definite \
+  --num-callers=40 --suppressions="$root/tests/valgrind.supp" "$root/build/normal/tests/e2e/e2e_test" \
+  --gtest_filter='Ways/ImportEndToEnd.EveryCellArrivesInTheSqlTable/ThroughTheAuthenticationProxy'
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
