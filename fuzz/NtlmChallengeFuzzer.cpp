@@ -8,6 +8,7 @@
 #include "host/Framework.h"
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -16,11 +17,17 @@
 #include <typeinfo>
 #include <unistd.h>
 
+namespace {
+std::string userFile;
+void RemoveUserFile() { std::remove(userFile.c_str()); }
+} // namespace
+
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // gss-ntlmssp reads the default credentials from this file at the first GSSAPI call.
-    const std::string path = "/tmp/ntlm-fuzz-" + std::to_string(getpid()) + ".users";
-    std::ofstream(path) << "TESTDOM:alice:Correct-Horse-1\n";
-    setenv("NTLM_USER_FILE", path.c_str(), 1);
+    // gss-ntlmssp reads the default credentials from this file whenever it acquires them.
+    userFile = "/tmp/ntlm-fuzz-" + std::to_string(getpid()) + ".users";
+    std::ofstream(userFile) << "TESTDOM:alice:Correct-Horse-1\n";
+    setenv("NTLM_USER_FILE", userFile.c_str(), 1);
+    std::atexit(RemoveUserFile);
     return 0;
 }
 
