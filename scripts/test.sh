@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian 12 machine, builds, and runs the whole test suite twice: a normal build
 # and an AddressSanitizer + UndefinedBehaviorSanitizer build (LeakSanitizer on); then the tests
-# where threads meet under ThreadSanitizer.
+# where threads meet under ThreadSanitizer. One whole import also runs under valgrind memcheck
+# on the normal build, and the fuzz targets (clang) replay their corpora and fuzz for a minute each.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
@@ -19,6 +20,11 @@ run_suite() {
 echo "== normal build"
 run_suite "$root/build/normal"
 
+echo "== Valgrind memcheck of one whole import (library, proxy and service in one process)"
+valgrind --quiet --error-exitcode=1 --leak-check=full --errors-for-leak-kinds=definite \
+  --num-callers=40 --suppressions="$root/tests/valgrind.supp" "$root/build/normal/tests/e2e/e2e_test" \
+  --gtest_filter='Ways/ImportEndToEnd.EveryCellArrivesInTheSqlTable/ThroughTheAuthenticationProxy'
+
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
@@ -30,3 +36,34 @@ cmake -S "$root" -B "$root/build/tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTRI_S
   -DTRI_BUILD_SERVER=OFF >/dev/null
 cmake --build "$root/build/tsan" -j"$jobs" --target values_test
 TSAN_OPTIONS="halt_on_error=1" "$root/build/tsan/tests/values_test"
+
+echo "== Fuzz targets (clang, libFuzzer): replay the committed corpora, then fuzz each for 60 s"
+cmake -S "$root" -B "$root/build/fuzz" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_CXX_COMPILER=clang++ -DTRI_BUILD_FUZZ=ON -DTRI_BUILD_TESTS=OFF >/dev/null
+targets=()
+for corpus in "$root"/fuzz/corpus/*/; do
+  targets+=("$(basename "$corpus")")
+done
+cmake --build "$root/build/fuzz" -j"$jobs" --target "${targets[@]}"
+export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp:print_suppressions=0"
+for target in "${targets[@]}"; do
+  flags=()
+  # gss-ntlmssp leaks OpenSSL digests on every security context: libFuzzer's per-input leak
+  # check would stop at the first one, and the leaked memory needs room over a long run.
+  if [ "$target" = fuzz_ntlm_challenge ]; then
+    flags=(-detect_leaks=0 -rss_limit_mb=4096)
+  fi
+  binary="$root/build/fuzz/fuzz/$target"
+  fresh="$(mktemp -d)" # new corpus entries and any crash input; the committed corpus stays as is
+  echo "-- $target"
+  if ! "$binary" "${flags[@]}" "$root/fuzz/corpus/$target"/* >"$fresh/replay.log" 2>&1 ||
+     ! "$binary" "${flags[@]}" -max_total_time=60 -print_final_stats=1 \
+       -artifact_prefix="$fresh/" "$fresh" "$root/fuzz/corpus/$target" >"$fresh/fuzz.log" 2>&1; then
+    cat "$fresh"/*.log
+    echo "fuzz target $target failed; inputs in $fresh"
+    exit 1
+  fi
+  grep -E '^(Done|stat::number_of_executed_units|stat::new_units_added)' "$fresh/fuzz.log"
+  rm -rf "$fresh"
+done
+unset LSAN_OPTIONS

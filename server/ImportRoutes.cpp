@@ -15,9 +15,11 @@ namespace {
 }
 
 json ParseBody(const Request& request) {
+    // A number too large for a double is refused by the parser with out_of_range rather than
+    // parse_error; to the client it is as malformed as any other body.
     try {
         return json::parse(request.body());
-    } catch (const json::parse_error& error) {
+    } catch (const json::exception& error) {
         BadRequest(std::string("malformed JSON body: ") + error.what());
     }
 }

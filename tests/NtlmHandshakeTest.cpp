@@ -12,6 +12,7 @@
 
 #include <cctype>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -203,6 +204,13 @@ std::vector<unsigned char> NtlmsspHeader(unsigned char type, std::size_t totalSi
     return bytes;
 }
 
+std::vector<unsigned char> WithFlags(std::vector<unsigned char> message, std::uint32_t flags) {
+    for (int i = 0; i < 4; ++i) {
+        message[20 + i] = static_cast<unsigned char>(flags >> (8 * i));
+    }
+    return message;
+}
+
 struct NegotiateAnswerCase {
     const char* name;
     ScriptedResponse answer;
@@ -254,6 +262,12 @@ INSTANTIATE_TEST_SUITE_P(
                             "CResourceException", 1, std::nullopt},
         NegotiateAnswerCase{"AUTHENTICATE message as challenge",
                             Answer(401, "NTLM " + Base64Of(NtlmsspHeader(3, 64))),
+                            "CResourceException", 1, std::nullopt},
+        // Unicode, target type domain, no target name: this crashed gss-ntlmssp 1.2 (found by
+        // fuzz_ntlm_challenge); it is refused like any defective token.
+        NegotiateAnswerCase{"CHALLENGE naming a target type without a target name",
+                            Answer(401, "NTLM " + Base64Of(WithFlags(NtlmsspHeader(2, 32),
+                                                                     0x00010001))),
                             "CResourceException", 1, std::nullopt},
         // A well-formed but empty CHALLENGE is "another failure" (no target information while
         // sealing is asked for): accepted as it stands, and the empty output goes out as

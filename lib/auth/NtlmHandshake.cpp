@@ -138,6 +138,11 @@ utility::string_t SendNegotiateLeg(http_client& client, http_request& request,
 
 } // namespace
 
+std::vector<unsigned char> AnswerNtlmChallenge(NtlmSecurityContext& context,
+                                               const utility::string_t& challengeText) {
+    return AuthenticateToken(context, ChallengeBytes(challengeText));
+}
+
 pplx::task<http_response> RunNtlmHandshake(http_client& client, http_request& request) {
     NtlmSecurityContext context(utility::conversions::to_utf8string(client.base_uri().host()));
     const std::vector<unsigned char> negotiateToken = NegotiateToken(context);
@@ -149,7 +154,7 @@ pplx::task<http_response> RunNtlmHandshake(http_client& client, http_request& re
     const utility::string_t challengeText = SendNegotiateLeg(client, request, connectionReleased);
 
     const std::vector<unsigned char> authenticateToken =
-        AuthenticateToken(context, ChallengeBytes(challengeText));
+        AnswerNtlmChallenge(context, challengeText);
 
     connectionReleased.wait();
     original.RestoreInto(request);

@@ -2,6 +2,9 @@
 
 #include <gssapi/gssapi.h>
 
+#include <algorithm>
+#include <cstdint>
+
 namespace {
 
 // 1.3.6.1.4.1.311.2.2.10, the raw NTLMSSP mechanism: its tokens are plain NTLMSSP messages, as
@@ -19,6 +22,24 @@ SecurityStatus ToSecurityStatus(OM_uint32 major) {
     }
     return (major & GSS_S_CONTINUE_NEEDED) != 0 ? SecurityStatus::ContinueNeeded
                                                 : SecurityStatus::Complete;
+}
+
+// gss-ntlmssp 1.2 dereferences a null pointer when a Unicode CHALLENGE names a target type
+// (domain or server) but carries an empty TargetName: a server could crash the host with it.
+// Such a message is refused here as the defective token it is, before the mechanism sees it.
+bool CrashesMechanism(const std::vector<unsigned char>& challenge) {
+    static const unsigned char signature[] = {'N', 'T', 'L', 'M', 'S', 'S', 'P', 0};
+    if (challenge.size() < 24 || !std::equal(signature, signature + 8, challenge.begin())) {
+        return false;
+    }
+    const auto at = [&](std::size_t i) { return static_cast<std::uint32_t>(challenge[i]); };
+    const std::uint32_t type = at(8) | at(9) << 8 | at(10) << 16 | at(11) << 24;
+    const std::uint32_t targetNameLength = at(12) | at(13) << 8;
+    const std::uint32_t flags = at(20) | at(21) << 8 | at(22) << 16 | at(23) << 24;
+    constexpr std::uint32_t unicode = 0x00000001;
+    constexpr std::uint32_t targetTypes = 0x00010000 | 0x00020000; // domain, server
+    return type == 2 && (flags & unicode) != 0 && (flags & targetTypes) != 0 &&
+           targetNameLength == 0;
 }
 
 } // namespace
@@ -75,6 +96,10 @@ SecurityStatus NtlmSecurityContext::Negotiate(std::vector<unsigned char>& token)
 
 SecurityStatus NtlmSecurityContext::Authenticate(const std::vector<unsigned char>& challenge,
                                                  std::vector<unsigned char>& token) {
+    if (CrashesMechanism(challenge)) {
+        token.clear();
+        return SecurityStatus::InvalidToken;
+    }
     gss_buffer_desc input = {challenge.size(), const_cast<unsigned char*>(challenge.data())};
     return handles_->Step(&input, token);
 }
