@@ -3,6 +3,8 @@
 // 2,000 attributes of 20 value ranges each is the upper end measured here.
 #include <benchmark/benchmark.h>
 
+#include <cwchar>
+
 #include "definitions/AttributeDefinitionsJson.h"
 
 #include <memory>
@@ -93,6 +95,34 @@ void BM_BuildAndSerializeAttributeDefinitions(benchmark::State& state) {
     ReportPerAttribute(state, attributes);
     state.counters["document_bytes"] = static_cast<double>(bytes);
 }
+
+// The floor under any builder: every text of the host's records read once, nothing written. Its
+// time per attribute shows what reading a larger table costs by itself (caches, not the builder).
+void BM_ReadHostRecords(benchmark::State& state) {
+    const int attributes = static_cast<int>(state.range(0));
+    const HostTable table(attributes);
+    const auto length = [](const CString& text) { return std::wcslen(text.GetString()); };
+    for (auto _ : state) {
+        std::size_t characters = 0;
+        const CList<DesktopAttributeDTO*>& list = *table.List();
+        for (POSITION pos = list.GetHeadPosition(); pos != nullptr;) {
+            const DesktopAttributeDTO* a = list.GetNext(pos);
+            characters += length(a->AttributeName) + length(a->Format) + length(a->Id) +
+                          length(a->Source) + length(a->Formula) + length(a->Parent);
+            for (POSITION r = a->ValueRanges.GetHeadPosition(); r != nullptr;) {
+                const DesktopValueRangeDTO* range = a->ValueRanges.GetNext(r);
+                characters += length(range->StringThreshold) + length(range->ClassName);
+                for (POSITION v = range->ValueSet.GetHeadPosition(); v != nullptr;) {
+                    characters += length(range->ValueSet.GetNext(v));
+                }
+            }
+        }
+        benchmark::DoNotOptimize(characters);
+    }
+    ReportPerAttribute(state, attributes);
+}
+
+BENCHMARK(BM_ReadHostRecords)->RangeMultiplier(2)->Range(200, 2000)->Unit(benchmark::kMillisecond);
 
 // The document as the upload builds it: written straight to the request's text.
 void BM_WriteAttributeDefinitions(benchmark::State& state) {

@@ -56,6 +56,9 @@ void CsvReader::OnRecordEnd(int terminator, void* self) {
 void CsvReader::ParseLine(const char* data, std::size_t size) {
     const std::size_t parsed = csv_parse(parser_, data, size, OnField, OnRecordEnd, this);
     if (parsed != size) {
+        // Records that ended before the fault (at a bare CR, say) are passed on first, as they
+        // would have been had the bytes come in smaller blocks.
+        Deliver();
         const int error = csv_error(parser_);
         throw MalformedCsv(line_, error == CSV_EPARSE
                                       ? "a quote inside an unquoted field, or text after a "
@@ -72,14 +75,28 @@ void CsvReader::Deliver() {
     }
 }
 
+// The byte-order mark may arrive split over several Feed calls: bytes that could still be the
+// start of one are held back until it is clear whether they are.
 void CsvReader::Feed(const char* data, std::size_t size) {
-    if (!started_) {
-        started_ = true;
-        if (size >= 3 && std::memcmp(data, kByteOrderMark, 3) == 0) {
-            data += 3;
-            size -= 3;
+    while (!started_ && size > 0) {
+        heldBack_ += *data++;
+        --size;
+        const bool couldBeMark = std::memcmp(heldBack_.data(), kByteOrderMark, heldBack_.size()) == 0;
+        if (!couldBeMark || heldBack_.size() == 3) {
+            ReleaseHeldBack(couldBeMark);
         }
     }
+    ParseBytes(data, size);
+}
+
+void CsvReader::ReleaseHeldBack(bool isMark) {
+    started_ = true;
+    const std::string bytes = isMark ? std::string() : std::move(heldBack_);
+    heldBack_.clear();
+    ParseBytes(bytes.data(), bytes.size());
+}
+
+void CsvReader::ParseBytes(const char* data, std::size_t size) {
     const char* end = data + size;
     while (data < end) {
         const void* lineEnd = std::memchr(data, '\n', static_cast<std::size_t>(end - data));
@@ -95,6 +112,9 @@ void CsvReader::Feed(const char* data, std::size_t size) {
 }
 
 void CsvReader::Finish() {
+    if (!started_) {
+        ReleaseHeldBack(false); // shorter than a mark: ordinary bytes
+    }
     if (csv_fini(parser_, OnField, OnRecordEnd, this) != 0) {
         throw MalformedCsv(currentStart_, "a quoted field is not closed");
     }

@@ -49,12 +49,15 @@ public:
 private:
     static void OnField(void* data, std::size_t size, void* self);
     static void OnRecordEnd(int terminator, void* self);
+    void ReleaseHeldBack(bool isMark);
+    void ParseBytes(const char* data, std::size_t size);
     void ParseLine(const char* data, std::size_t size);
     void Deliver();
 
     csv_parser* parser_;
     CsvRecordHandler handler_;
     bool started_ = false;
+    std::string heldBack_; // the first bytes, until they are known to be a byte-order mark or not
     long line_ = 1;
     CsvRecord current_;
     long currentStart_ = 1;

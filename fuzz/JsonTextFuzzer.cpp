@@ -56,7 +56,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
          Outcome([&] { return Utf8Of(web::json::value::string(ToStringT(text))); }));
 
     std::vector<std::int32_t> numbers(size / 4);
-    std::memcpy(numbers.data(), data, numbers.size() * 4);
+    if (!numbers.empty()) {
+        std::memcpy(numbers.data(), data, numbers.size() * 4);
+    }
     std::vector<web::json::value> elements;
     for (const std::int32_t n : numbers) {
         elements.push_back(web::json::value::number(n));
