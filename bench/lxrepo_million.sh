@@ -8,33 +8,8 @@ set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="${1:-$root/build/dev}"
 rows="${LXREPO_BENCH_ROWS:-1000000}"
-work="$(mktemp -d)"
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do
-    kill "$pid" 2>/dev/null || true
-    wait "$pid" 2>/dev/null || true
-  done
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-# Starts lxrepo-server on a free loopback port; the port (its first line of output) ends up in
-# $port. Not run in a subshell, so that cleanup knows every server's pid.
-start_server() {
-  local name="$1"; shift
-  "$build/server/lxrepo-server" --address 127.0.0.1 --port 0 "$@" >"$work/$name.out" 2>&1 &
-  pids+=("$!")
-  for _ in $(seq 100); do
-    if [ -s "$work/$name.out" ]; then
-      port="$(head -n 1 "$work/$name.out")"
-      return
-    fi
-    sleep 0.1
-  done
-  echo "the $name did not start" >&2
-  return 1
-}
+# shellcheck source=scripts/loopback-servers.sh
+source "$root/scripts/loopback-servers.sh"
 
 # Ten columns: a unique integer id (a million distinct values), an ISO date, a text of 40
 # values, a customer of 20,000, integers, decimals, a code kept as text, a non-ASCII city, a

@@ -6,37 +6,8 @@
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="$root/build/demo"
-work="$(mktemp -d)"
-pids=()
-
-cleanup() {
-  for pid in "${pids[@]}"; do
-    kill "$pid" 2>/dev/null || true
-    wait "$pid" 2>/dev/null || true
-  done
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-# Starts lxrepo-server with the given options on a free loopback port and sets $port to that
-# port, which the server writes as its first line of output. Not run in a subshell, so that
-# cleanup knows every server's pid.
-start_server() {
-  local name="$1"; shift
-  "$build/server/lxrepo-server" --address 127.0.0.1 --port 0 "$@" \
-    >"$work/$name.out" 2>"$work/$name.err" &
-  pids+=("$!")
-  for _ in $(seq 100); do
-    if [ -s "$work/$name.out" ]; then
-      port="$(head -n 1 "$work/$name.out")"
-      return
-    fi
-    sleep 0.1
-  done
-  echo "demo: the $name did not start:" >&2
-  cat "$work/$name.err" >&2
-  return 1
-}
+# shellcheck source=scripts/loopback-servers.sh
+source "$root/scripts/loopback-servers.sh"
 
 echo "== 1. dependencies (apt packages only; the demo needs no Node)"
 TRI_SKIP_NODE=1 "$root/scripts/install-dependencies.sh"
