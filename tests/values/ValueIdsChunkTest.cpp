@@ -112,19 +112,28 @@ TEST_F(ValueIdsChunk, LargeColumnsArriveByteForByte) {
         columns[k].name = k == 0 ? L"a" : L"b";
         list.AddTail(&columns[k]);
     }
-    ConnectedClient client(service.BaseUrl());
     constexpr int kRows = 300000;
-    ASSERT_EQ(client->ImportValueIdsChunk(L"t", 0, kRows, &list, 0), 1);
-    const auto requests = service.Requests();
-    ASSERT_EQ(requests.size(), 2u);
+    std::string expected[2];
     for (int k = 0; k < 2; ++k) {
         std::vector<web::json::value> ids;
         for (int row = 0; row < kRows; ++row) {
             ids.push_back(web::json::value::number(columns[k].ids.GetValueId(row)));
         }
-        const std::string expected = web::json::value::array(ids).serialize();
-        ASSERT_GT(expected.size(), 2u * 1024 * 1024);
-        EXPECT_TRUE(requests[static_cast<std::size_t>(k)].body == expected) << "attribute " << k;
+        expected[k] = web::json::value::array(ids).serialize();
+        ASSERT_GT(expected[k].size(), 2u * 1024 * 1024);
+    }
+    // Directly and through the proxy, whose client is a second one made inside the pipeline.
+    for (const auto by : {testsupport::ConnectedBy::Plain, testsupport::ConnectedBy::Proxy}) {
+        ConnectedClient client(service.BaseUrl(), by);
+        const bool viaProxy = by == testsupport::ConnectedBy::Proxy;
+        RecordingServer& receiver = viaProxy ? client.Proxy() : service;
+        ASSERT_EQ(client->ImportValueIdsChunk(L"t", 0, kRows, &list, 0), 1);
+        const auto requests = receiver.Requests();
+        ASSERT_EQ(requests.size(), 2u);
+        for (int k = 0; k < 2; ++k) {
+            EXPECT_TRUE(requests[static_cast<std::size_t>(k)].body == expected[k])
+                << "attribute " << k << (viaProxy ? " via the proxy" : "");
+        }
     }
 }
 
