@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
              return out;
          }),
          Outcome([&] { return Utf8Of(web::json::value::string(ToStringT(text))); }));
+    // Up to the NUL: the same as by length for the text before it.
+    const std::wstring beforeNul = text.substr(0, text.find(L'\0'));
+    Same(Outcome([&] {
+             std::string out;
+             AppendJsonString(out, text.c_str());
+             return out;
+         }),
+         Outcome([&] {
+             std::string out;
+             AppendJsonString(out, beforeNul.data(), beforeNul.size());
+             return out;
+         }));
 
     std::vector<std::int32_t> numbers(size / 4);
     if (!numbers.empty()) {
@@ -63,7 +76,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const std::int32_t n : numbers) {
         elements.push_back(web::json::value::number(n));
     }
-    Same(JsonIntArray(numbers.data(), numbers.size()).utf8, Utf8Of(web::json::value::array(elements)));
+    const std::unique_ptr<char[]> room(new char[JsonIntArrayCapacity(numbers.size())]);
+    char* const begin = room.get();
+    Same(std::string(begin, WriteJsonIntArray(begin, numbers.data(), numbers.size())),
+         Utf8Of(web::json::value::array(elements)));
 
     // One attribute with a value range and a case, its texts cut from the input.
     const CString whole(text.data(), static_cast<int>(text.size()));

@@ -10,6 +10,7 @@
 
 #include <climits>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <random>
 #include <string>
@@ -26,14 +27,29 @@ std::string ViaValue(const std::wstring& text) {
     }
 }
 
-std::string ViaWriter(const std::wstring& text) {
+std::string Outcome(const std::function<void(std::string&)>& write) {
     try {
         std::string out;
-        AppendJsonString(out, text.data(), text.size());
+        write(out);
         return out;
     } catch (const std::exception& e) {
         return std::string("failure: ") + e.what();
     }
+}
+
+// Both ways in, by length and up to the NUL, must give the same; the latter only applies to text
+// without a NUL of its own.
+std::string ViaWriter(const std::wstring& text) {
+    const std::string byLength =
+        Outcome([&](std::string& out) { AppendJsonString(out, text.data(), text.size()); });
+    if (text.find(L'\0') == std::wstring::npos) {
+        const std::string toNul =
+            Outcome([&](std::string& out) { AppendJsonString(out, text.c_str()); });
+        if (toNul != byLength) {
+            return "up to the NUL: " + toNul + " by length: " + byLength;
+        }
+    }
+    return byLength;
 }
 
 // Code units chosen to hit every escape and every UTF-8 length, surrogates paired and alone,
@@ -78,6 +94,22 @@ TEST(JsonTextString, GeneratedTextsMatchSerialize) {
     }
 }
 
+// Plain ASCII up to some point, then one unit of any kind, then more: wherever the plain stretch
+// ends, before, at or after the writer's short-text limit, the rest must come out the same.
+TEST(JsonTextString, PlainStretchThenAnythingMatchesSerialize) {
+    std::mt19937 random(11);
+    for (int i = 0; i < 20000; ++i) {
+        std::wstring text(random() % 300, L'a');
+        for (wchar_t& unit : text) {
+            unit = static_cast<wchar_t>(0x20 + random() % 0x5F);
+        }
+        if (!text.empty() && random() % 4 != 0) {
+            text[random() % text.size()] = InterestingUnit(random);
+        }
+        ASSERT_EQ(ViaWriter(text), ViaValue(text));
+    }
+}
+
 TEST(JsonTextString, SurrogatePairsAndTheirFailures) {
     for (const std::wstring& text :
          {std::wstring{wchar_t(0xD83D), wchar_t(0xDE00)}, std::wstring{L'x', wchar_t(0xD83D)},
@@ -103,17 +135,29 @@ std::string IntsViaValue(const std::vector<std::int32_t>& numbers) {
     return utility::conversions::to_utf8string(web::json::value::array(elements).serialize());
 }
 
+// Written into room of exactly the promised capacity; under AddressSanitizer a write past it fails.
+std::string WrittenInts(const std::vector<std::int32_t>& numbers) {
+    const std::unique_ptr<char[]> room(new char[JsonIntArrayCapacity(numbers.size())]);
+    char* const begin = room.get();
+    return std::string(begin, WriteJsonIntArray(begin, numbers.data(), numbers.size()));
+}
+
 TEST(JsonTextIntArray, MatchesSerialize) {
     std::mt19937 random(7);
-    std::vector<std::vector<std::int32_t>> cases = {
-        {}, {0}, {-1}, {INT_MIN}, {INT_MAX}, {INT_MIN, -1, 0, 1, INT_MAX}};
+    std::vector<std::vector<std::int32_t>> cases = {{},
+                                                    {0},
+                                                    {-1},
+                                                    {INT_MIN},
+                                                    {INT_MAX},
+                                                    {INT_MIN, -1, 0, 1, INT_MAX},
+                                                    std::vector<std::int32_t>(1000, INT_MIN)};
     std::vector<std::int32_t> large(300000);
     for (std::int32_t& n : large) {
         n = static_cast<std::int32_t>(random());
     }
     cases.push_back(large);
     for (const auto& numbers : cases) {
-        EXPECT_EQ(JsonIntArray(numbers.data(), numbers.size()).utf8, IntsViaValue(numbers));
+        EXPECT_EQ(WrittenInts(numbers), IntsViaValue(numbers));
     }
 }
 

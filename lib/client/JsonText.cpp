@@ -4,7 +4,6 @@
 
 #include <charconv>
 #include <cwchar>
-#include <memory>
 
 namespace {
 
@@ -49,17 +48,60 @@ void EscapeTail(std::string& out, std::size_t from) {
 
 } // namespace
 
-void AppendJsonString(std::string& out, const wchar_t* text, std::size_t length) {
-    out += '"';
+namespace {
+
+// Most values are short and plain ASCII. Those are gathered on the stack and appended once: no
+// room made (and zeroed) in out beforehand, no second scan for escapes, and for text that ends at
+// its NUL no separate pass to find its length. Returns how many units went out this way; the
+// first unit that is not plain ASCII hands the rest to the general conversion.
+template <class More>
+std::size_t AppendPlainPrefix(std::string& out, const wchar_t* text, More more) {
+    constexpr std::size_t kShort = 128;
+    char plain[kShort + 2];
+    char* put = plain;
+    *put++ = '"';
+    std::size_t i = 0;
+    for (; i < kShort && more(i); ++i) {
+        const auto unit = static_cast<std::uint32_t>(text[i]);
+        if (unit < 0x20 || unit >= 0x80 || unit == '"' || unit == '\\') {
+            break;
+        }
+        *put++ = static_cast<char>(unit);
+    }
+    if (!more(i)) {
+        *put++ = '"';
+    }
+    out.append(plain, put);
+    return i;
+}
+
+void AppendGeneralTail(std::string& out, const wchar_t* text, std::size_t length) {
     const std::size_t start = out.size();
     AppendUtf8(out, text, length);
     EscapeTail(out, start);
     out += '"';
 }
 
+} // namespace
+
+void AppendJsonString(std::string& out, const wchar_t* text, std::size_t length) {
+    const std::size_t done =
+        AppendPlainPrefix(out, text, [length](std::size_t i) { return i < length; });
+    if (done != length) {
+        AppendGeneralTail(out, text + done, length - done);
+    }
+}
+
+void AppendJsonString(std::string& out, const wchar_t* text) {
+    const std::size_t done =
+        AppendPlainPrefix(out, text, [text](std::size_t i) { return text[i] != L'\0'; });
+    if (text[done] != L'\0') {
+        AppendGeneralTail(out, text + done, std::wcslen(text + done));
+    }
+}
+
 void AppendJsonString(std::string& out, const CString& text) {
-    const wchar_t* p = text.GetString();
-    AppendJsonString(out, p, std::wcslen(p));
+    AppendJsonString(out, text.GetString());
 }
 
 void AppendJsonInt(std::string& out, std::int32_t number) {
@@ -68,15 +110,10 @@ void AppendJsonInt(std::string& out, std::int32_t number) {
     out.append(digits, result.ptr);
 }
 
-JsonText JsonIntArray(const std::int32_t* numbers, std::size_t count) {
-    // Written into a scratch block sized for the longest possible text, then copied once into a
-    // string of the exact length: appending number by number costs a capacity check per number and
-    // regrowth copies, and the scratch block is never cleared first.
-    constexpr std::size_t kLongest = sizeof "-2147483648,";
-    const std::unique_ptr<char[]> scratch(new char[2 + count * kLongest]);
-    char* const begin = scratch.get();
-    char* const limit = begin + 2 + count * kLongest;
-    char* out = begin;
+char* WriteJsonIntArray(char* out, const std::int32_t* numbers, std::size_t count) {
+    // The room is sized for the longest possible text, so no number needs a bounds check and
+    // nothing is cleared first.
+    char* const limit = out + JsonIntArrayCapacity(count);
     *out++ = '[';
     for (std::size_t i = 0; i < count; ++i) {
         if (i != 0) {
@@ -85,5 +122,5 @@ JsonText JsonIntArray(const std::int32_t* numbers, std::size_t count) {
         out = std::to_chars(out, limit, numbers[i]).ptr;
     }
     *out++ = ']';
-    return JsonText{std::string(begin, out)};
+    return out;
 }

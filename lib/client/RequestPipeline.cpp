@@ -4,6 +4,9 @@
 #include "auth/ProxyCall.h"
 #include "client/TextConversion.h"
 
+#include <cpprest/rawptrstream.h>
+
+#include <cstdint>
 #include <utility>
 
 using web::http::header_names;
@@ -14,17 +17,24 @@ using web::http::client::http_client;
 namespace {
 
 // The number 0 serialises to exactly this; a JSON null is a body and goes out as "null".
-bool MeansNoBody(const JsonText& body) { return body.utf8 == "0"; }
+bool MeansNoBody(const JsonText& body) { return body.Text() == "0"; }
 
 void AttachJsonBody(http_request& request, JsonText body, const utility::string_t& contentType) {
     if (MeansNoBody(body)) {
         return;
     }
     // set_body names a content type of its own but keeps one that is already there, so the
-    // header set first is the one that goes out. The text is moved into the request's stream:
-    // a chunk's body is never held twice.
+    // header set first is the one that goes out. Owned text is moved into the request's stream
+    // and borrowed text is read from where it lies: a chunk's body is never held twice.
     request.headers().set_content_type(contentType);
-    request.set_body(std::move(body.utf8), "application/json");
+    if (body.IsBorrowed()) {
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(body.borrowed.data());
+        request.set_body(Concurrency::streams::rawptr_stream<std::uint8_t>::open_istream(
+                             bytes, body.borrowed.size()),
+                         body.borrowed.size(), U("application/json"));
+    } else {
+        request.set_body(std::move(body.utf8), "application/json");
+    }
 }
 
 bool IsLocalEndpoint(const http_client& client) {

@@ -40,7 +40,7 @@ web::http::client::http_client_config ConfigurationFor(const JsonText& body) {
     constexpr std::size_t kDefaultChunk = 64 * 1024;
     constexpr std::size_t kLargestChunk = 1024 * 1024;
     web::http::client::http_client_config config;
-    config.set_chunksize(std::min(std::max(body.utf8.size(), kDefaultChunk), kLargestChunk));
+    config.set_chunksize(std::min(std::max(body.Text().size(), kDefaultChunk), kLargestChunk));
     return config;
 }
 

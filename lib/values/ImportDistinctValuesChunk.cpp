@@ -32,7 +32,7 @@ JsonText ReadDistinctValues(CDistinctValues& values, long first, long last, int 
         firstValue = false;
         if (copyMode == 0) {
             const wchar_t* text = values.GetValue(index);
-            AppendJsonString(body.utf8, text, std::wcslen(text));
+            AppendJsonString(body.utf8, text);
             return;
         }
         // Cleared before every call: a CopyValue that writes nothing stands for the empty text,
