@@ -144,13 +144,21 @@ std::string WrittenInts(const std::vector<std::int32_t>& numbers) {
 
 TEST(JsonTextIntArray, MatchesSerialize) {
     std::mt19937 random(7);
-    std::vector<std::vector<std::int32_t>> cases = {{},
-                                                    {0},
-                                                    {-1},
-                                                    {INT_MIN},
-                                                    {INT_MAX},
-                                                    {INT_MIN, -1, 0, 1, INT_MAX},
-                                                    std::vector<std::int32_t>(1000, INT_MIN)};
+    std::vector<std::vector<std::int32_t>> cases = {
+        {}, {0}, {-1}, {-7}, {INT_MIN}, {INT_MAX}, {INT_MIN, -1, 0, 1, INT_MAX},
+        {INT_MIN, INT_MIN, 7}, std::vector<std::int32_t>(1000, INT_MIN)};
+    // Both sides of every power of ten, both signs: where the writer splits a number into groups.
+    std::vector<std::int32_t> edges;
+    for (std::int64_t power = 1; power <= INT_MAX; power *= 10) {
+        for (const std::int64_t n : {power - 1, power, power + 1}) {
+            edges.push_back(static_cast<std::int32_t>(n));
+            edges.push_back(static_cast<std::int32_t>(-n));
+        }
+    }
+    cases.push_back(edges);
+    for (const std::int32_t n : edges) {
+        cases.push_back({n});
+    }
     std::vector<std::int32_t> large(300000);
     for (std::int32_t& n : large) {
         n = static_cast<std::int32_t>(random());
