@@ -114,6 +114,7 @@ private:
 };
 
 struct Measurement {
+    bool ran = false;  // false for a client left out with --only
     double milliseconds = 0;
     std::uint64_t bodyBytes = 0;
     double heapPeakMiB = 0;  // library only: the largest rise of live heap within one chunk
@@ -127,11 +128,12 @@ double Milliseconds(std::chrono::steady_clock::duration d) {
 // Runs one whole pass and returns its figures; a refused chunk aborts the run.
 template <class Pass>
 Measurement Measure(const DiscardingServer& sink, bool wanted, Pass pass) {
-    if (!wanted) {
-        return Measurement{1, 1, 0, 0};
-    }
-    const std::uint64_t before = sink.BodyBytes();
     Measurement m;
+    if (!wanted) {
+        return m;
+    }
+    m.ran = true;
+    const std::uint64_t before = sink.BodyBytes();
     const auto start = std::chrono::steady_clock::now();
     pass(m);
     m.milliseconds = Milliseconds(std::chrono::steady_clock::now() - start);
@@ -170,9 +172,14 @@ template <class Chunk> void WithHeapPeak(Measurement& m, std::uint64_t chunkByte
 }
 
 void PrintRow(const char* name, const Measurement& m, const Measurement& reference) {
+    if (!m.ran) {
+        return;
+    }
     const double mb = static_cast<double>(m.bodyBytes) / 1e6;
-    std::printf("  %-9s %9.1f ms %9.1f MB/s %8.2fx", name, m.milliseconds,
-                mb / (m.milliseconds / 1000), m.milliseconds / reference.milliseconds);
+    std::printf("  %-9s %9.1f ms %9.1f MB/s", name, m.milliseconds, mb / (m.milliseconds / 1000));
+    if (reference.ran) {
+        std::printf(" %8.2fx", m.milliseconds / reference.milliseconds);
+    }
     if (m.heapPeakMiB > 0) {
         std::printf("   heap peak per chunk %.1f MiB = %.2f x its bodies (%.1f MiB)", m.heapPeakMiB,
                     m.heapPeakMiB / m.chunkBodyMiB, m.chunkBodyMiB);
@@ -182,13 +189,18 @@ void PrintRow(const char* name, const Measurement& m, const Measurement& referen
 
 void Report(const char* title, const Measurement& library, const Measurement& baseline,
             const Measurement& raw) {
-    std::printf("%s (%.1f MB of bodies)\n", title, static_cast<double>(library.bodyBytes) / 1e6);
+    const Measurement& any = library.ran ? library : baseline.ran ? baseline : raw;
+    std::printf("%s (%.1f MB of bodies)\n", title, static_cast<double>(any.bodyBytes) / 1e6);
     std::printf("  %-9s %12s %14s %9s\n", "", "time", "throughput", "/baseline");
     PrintRow("library", library, baseline);
     PrintRow("baseline", baseline, baseline);
     PrintRow("raw", raw, baseline);
-    std::printf("  library/baseline %.2f, library/raw %.2f\n\n",
-                library.milliseconds / baseline.milliseconds, library.milliseconds / raw.milliseconds);
+    if (library.ran && baseline.ran && raw.ran) {
+        std::printf("  library/baseline %.2f, library/raw %.2f\n",
+                    library.milliseconds / baseline.milliseconds,
+                    library.milliseconds / raw.milliseconds);
+    }
+    std::printf("\n");
 }
 
 template <class Chunks> void ForEachChunk(long count, long size, Chunks chunks) {
