@@ -78,8 +78,8 @@ Deployment::Deployment(Way way, const std::string& database, const std::string& 
         // The provider's issuer is the service's /identity, so the service's port comes first.
         const unsigned short port = servertest::FreePort();
         serviceUrl_ = "http://127.0.0.1:" + std::to_string(port);
-        provider_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-            E2E_NODE, E2E_LOGIN_PROVIDER, "0", serviceUrl_ + "/identity", E2E_OIDC_PROVIDER_ENTRY});
+        provider_ = std::make_unique<ChildProcess>(
+            std::vector<std::string>{E2E_NODE, E2E_LOGIN_PROVIDER, "0", serviceUrl_ + "/identity"});
         const std::string providerUrl =
             "http://127.0.0.1:" + std::to_string(provider_->Port()) + "/identity";
         service = DefaultOptions(database);

@@ -1,25 +1,85 @@
-// An OpenID provider for the identity-login tests, on loopback only.
+// The OpenID provider of every test that needs one, on loopback only.
 //
-//   node provider.mjs [port]      (port 0 or none: a free one)
+//   node provider.mjs [port] [issuer]      (port 0 or none: a free one)
 //
-// Prints "listening <port>" on stdout once it serves. Under /identity it is the identity server
-// (issuer http://127.0.0.1:<port>/identity); beside it, GET /Import/Connect plays the repository
-// service: 200 for a bearer access token this provider issued for the import resource, else 401.
+// Without an issuer it stands alone: the issuer is http://127.0.0.1:<port>/identity, and beside
+// it GET /Import/Connect plays the repository service (200 for a bearer access token this
+// provider issued for the import resource, else 401); the identity-login tests use it so. With an
+// issuer, that is the service's /identity, which passes requests on to here: it serves below the
+// issuer's path, and the addresses it builds follow X-Forwarded-Host, so they name the service;
+// lxrepo-server's bearer-mode tests and the end-to-end imports use it so.
+//
+// Clients: "lxdesktop", the library's native login (authorization code with PKCE, access tokens
+// for the import resource); "lxrepo-proxy", the authentication proxy with tokens of its own
+// (client credentials); "lxrepo-service", which may introspect both kinds.
 //
 // The login page is a form a person can use; a test browser skips it by sending the cookie
 // "test_decision" = "allow" (log in as alice and consent) or "deny" (refuse the login).
+// Prints "listening <port>" on stdout once it serves.
 import http from 'node:http';
 import Provider from 'oidc-provider';
 
-const MOUNT = '/identity';
-const CLIENT_ID = 'lxdesktop';
-const CLIENT_SECRET = '5d0c1e7a9b3f4a6c8e2d7f1b0a9c4e36';
 const IMPORT_RESOURCE = 'urn:tablerepository:import';
 const USER = 'alice';
 const DENIED_TEXT = 'alice declined to let the desktop import tables';
 
 const requestedPort = Number(process.argv[2] ?? 0);
-let provider; // set once the port, and so the issuer, is known
+const givenIssuer = process.argv[3];
+const MOUNT = givenIssuer ? new URL(givenIssuer).pathname.replace(/\/$/, '') : '/identity';
+let provider; // set once the issuer is known, which alone may need the port
+
+function configuration() {
+  return {
+    clients: [
+      {
+        client_id: 'lxdesktop',
+        client_secret: '5d0c1e7a9b3f4a6c8e2d7f1b0a9c4e36',
+        application_type: 'native',
+        // A native client may use any port on the loopback address (RFC 8252 7.3).
+        redirect_uris: ['http://127.0.0.1/callback'],
+        grant_types: ['authorization_code'],
+        response_types: ['code'],
+        token_endpoint_auth_method: 'client_secret_post',
+      },
+      {
+        client_id: 'lxrepo-proxy',
+        client_secret: 'proxy-secret-for-tokens',
+        grant_types: ['client_credentials'],
+        response_types: [],
+        redirect_uris: [],
+      },
+      {
+        client_id: 'lxrepo-service',
+        client_secret: 'service-secret-for-introspection',
+        grant_types: [],
+        response_types: [],
+        redirect_uris: [],
+      },
+    ],
+    pkce: { required: () => true },
+    features: {
+      devInteractions: { enabled: false },
+      clientCredentials: { enabled: true },
+      introspection: { enabled: true },
+      resourceIndicators: {
+        enabled: true,
+        defaultResource: () => IMPORT_RESOURCE,
+        useGrantedResource: () => true,
+        getResourceServerInfo: (ctx, resource) => {
+          if (resource !== IMPORT_RESOURCE) throw new Provider.errors.InvalidTarget();
+          return { scope: 'import', audience: IMPORT_RESOURCE, accessTokenFormat: 'opaque' };
+        },
+      },
+    },
+    interactions: { url: (ctx, i) => `${MOUNT}/interaction/${i.uid}` },
+    findAccount: (ctx, sub) => (sub === USER ? { accountId: sub, claims: () => ({ sub }) } : undefined),
+    cookies: { keys: ['tri-test-cookie-key'] },
+    ttl: {
+      AccessToken: 600, AuthorizationCode: 60, ClientCredentials: 600, Grant: 600, IdToken: 600,
+      Interaction: 600, Session: 600,
+    },
+  };
+}
 
 function cookieValue(req, name) {
   for (const part of (req.headers.cookie ?? '').split(';')) {
@@ -43,8 +103,7 @@ async function allow(req, res) {
     : new provider.Grant({ accountId, clientId: params.client_id });
   grant.addOIDCScope(params.scope);
   grant.addResourceScope(IMPORT_RESOURCE, 'import');
-  const grantId = await grant.save();
-  const result = { consent: { grantId } };
+  const result = { consent: { grantId: await grant.save() } };
   if (prompt.name === 'login') result.login = { accountId };
   await provider.interactionFinished(req, res, result, { mergeWithLastSubmission: false });
 }
@@ -59,10 +118,9 @@ async function interaction(req, res, url) {
   const decision = url.searchParams.get('decision') ?? cookieValue(req, 'test_decision');
   if (decision === 'allow') return allow(req, res);
   if (decision === 'deny') return deny(req, res);
-  const here = url.pathname;
   return send(res, 200,
     `<!DOCTYPE html><html><body><p>Log in as ${USER} to the table repository?</p>` +
-    `<form method="get" action="${here}"><button name="decision" value="allow">Log in</button>` +
+    `<form method="get" action="${url.pathname}"><button name="decision" value="allow">Log in</button>` +
     `<button name="decision" value="deny">Refuse</button></form></body></html>`,
     'text/html; charset=utf-8');
 }
@@ -76,7 +134,9 @@ async function importConnect(req, res) {
 
 async function route(req, res) {
   const url = new URL(req.url, 'http://127.0.0.1');
-  if (url.pathname === '/Import/Connect' && req.method === 'GET') return importConnect(req, res);
+  if (!givenIssuer && url.pathname === '/Import/Connect' && req.method === 'GET') {
+    return importConnect(req, res);
+  }
   if (url.pathname.startsWith(`${MOUNT}/interaction/`)) return interaction(req, res, url);
   if (url.pathname === MOUNT || url.pathname.startsWith(`${MOUNT}/`)) {
     // The provider routes below its issuer's path and learns the mount from originalUrl.
@@ -96,39 +156,8 @@ const server = http.createServer((req, res) => {
 
 server.listen(requestedPort, '127.0.0.1', () => {
   const { port } = server.address();
-  const issuer = `http://127.0.0.1:${port}${MOUNT}`;
-  provider = new Provider(issuer, {
-    clients: [{
-      client_id: CLIENT_ID,
-      client_secret: CLIENT_SECRET,
-      application_type: 'native',
-      // A native client may use any port on the loopback address (RFC 8252 7.3).
-      redirect_uris: ['http://127.0.0.1/callback'],
-      grant_types: ['authorization_code'],
-      response_types: ['code'],
-      token_endpoint_auth_method: 'client_secret_post',
-    }],
-    pkce: { required: () => true },
-    features: {
-      devInteractions: { enabled: false },
-      resourceIndicators: {
-        enabled: true,
-        defaultResource: () => IMPORT_RESOURCE,
-        useGrantedResource: () => true,
-        getResourceServerInfo: (ctx, resource) => {
-          if (resource !== IMPORT_RESOURCE) throw new Provider.errors.InvalidTarget();
-          return { scope: 'import', audience: IMPORT_RESOURCE, accessTokenFormat: 'opaque' };
-        },
-      },
-    },
-    interactions: { url: (ctx, i) => `${MOUNT}/interaction/${i.uid}` },
-    findAccount: (ctx, sub) => (sub === USER ? { accountId: sub, claims: () => ({ sub }) } : undefined),
-    cookies: { keys: ['tri-test-cookie-key'] },
-    ttl: {
-      AccessToken: 600, AuthorizationCode: 60, Grant: 600, IdToken: 600, Interaction: 600,
-      Session: 600,
-    },
-  });
+  provider = new Provider(givenIssuer ?? `http://127.0.0.1:${port}${MOUNT}`, configuration());
+  provider.proxy = Boolean(givenIssuer);
   process.stdout.write(`listening ${port}\n`);
 });
 

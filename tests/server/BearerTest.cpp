@@ -30,8 +30,7 @@ protected:
         const unsigned short servicePort = FreePort();
         serviceUrl = "http://127.0.0.1:" + std::to_string(servicePort);
         provider = std::make_unique<ChildProcess>(
-            std::vector<std::string>{node, LXREPO_BEARER_PROVIDER, "0", serviceUrl + "/identity",
-                                     LXREPO_OIDC_PROVIDER_ENTRY});
+            std::vector<std::string>{node, LXREPO_BEARER_PROVIDER, "0", serviceUrl + "/identity"});
         const std::string providerUrl =
             "http://127.0.0.1:" + std::to_string(provider->Port()) + "/identity";
 
