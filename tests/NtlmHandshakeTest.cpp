@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 
 #include "auth/NtlmHandshake.h"
+#include "client/AuthenticationSettings.h"
+#include "client/JsonText.h"
+#include "client/RequestPipeline.h"
 #include "host/Framework.h"
 #include "support/NtlmAcceptor.h"
 #include "support/RecordingServer.h"
@@ -178,6 +181,35 @@ INSTANTIATE_TEST_SUITE_P(
         }
         return name;
     });
+
+// Through the pipeline, as a value-id column goes: its text is borrowed from the chunk's buffer,
+// and the negotiate leg reads it to the end before the authenticate leg must read it again from
+// its start. Owned text alongside, for comparison.
+TEST(NtlmHandshakeBody, BorrowedTextGoesOutWholeOnBothLegs) {
+    std::string text = "[";
+    for (int i = 0; i < 150000; ++i) {
+        text += std::to_string(i * 7919 % 1000003) + ",";
+    }
+    text.back() = ']';
+    for (const bool borrowed : {false, true}) {
+        NtlmService service(clientPassword);
+        const AuthenticationSettings settings; // no token, no proxy: the handshake path
+        http_client client(
+            utility::conversions::to_string_t(service.server.BaseUrl() + "/Import/Tables"));
+        http_request request(methods::POST);
+        JsonText body = borrowed ? JsonText::Borrowing(text.data(), text.size()) : JsonText{text};
+        EXPECT_EQ(
+            Outcome([&] { return ExecuteRequest(settings, client, request, std::move(body)); }),
+            "status 200 body 'authenticated'")
+            << (borrowed ? "borrowed" : "owned");
+        const auto legs = service.server.Requests();
+        ASSERT_EQ(legs.size(), 2u);
+        for (const auto& leg : legs) {
+            EXPECT_TRUE(leg.body == text) << (borrowed ? "borrowed" : "owned") << ", "
+                                          << leg.body.size() << " of " << text.size() << " bytes";
+        }
+    }
+}
 
 // A server that answers the negotiate leg from a script and everything after it with 401.
 struct ScriptedService {
