@@ -21,8 +21,8 @@ namespace {
 class ValueIdChunk {
 public:
     ValueIdChunk(std::size_t rows, std::size_t columns)
-        : m_rows(rows), m_columns(columns), m_textRoom(IdsFor(JsonIntArrayCapacity(rows))),
-          m_ids(new std::int32_t[rows * columns + m_textRoom]) {}
+        : m_rows(rows), m_columns(columns),
+          m_ids(new std::int32_t[rows * columns + IdsFor(JsonIntArrayCapacity(rows))]) {}
 
     // Asks GetValueIds anew for every row: the host may hand out a different reader each time.
     // All of it is read before the first request, so the host's records are done with before
@@ -56,7 +56,6 @@ private:
 
     std::size_t m_rows;
     std::size_t m_columns;
-    std::size_t m_textRoom;
     std::unique_ptr<std::int32_t[]> m_ids;
 };
 
@@ -75,7 +74,8 @@ int UploadValueIdColumns(CList<CRepoAttribute*>* attributes, long first, long la
     chunk.Read(attributes, first, last);
     std::size_t column = 0;
     return UntilRefused(attributes, [&](CRepoAttribute* attribute) {
-        const utility::string_t address = AttributeValueIdsAddress(chunkAddress, attribute->GetName());
+        const utility::string_t address =
+            AttributeValueIdsAddress(chunkAddress, attribute->GetName());
         // The response is in before the next column's text takes this one's place.
         return AcceptOnly(PostToService(settings, address, chunk.ColumnText(column++)),
                           web::http::status_codes::OK);
