@@ -2,7 +2,6 @@
 
 #include "client/TextConversion.h"
 
-#include <charconv>
 #include <cstring>
 #include <cwchar>
 
@@ -105,12 +104,6 @@ void AppendJsonString(std::string& out, const CString& text) {
     AppendJsonString(out, text.GetString());
 }
 
-void AppendJsonInt(std::string& out, std::int32_t number) {
-    char digits[16];
-    const auto result = std::to_chars(digits, digits + sizeof digits, number);
-    out.append(digits, result.ptr);
-}
-
 namespace {
 
 // Every number below 10,000 as four digits, zeros in front. A number goes out as at most three
@@ -161,6 +154,11 @@ char* PutInt(char* out, std::int32_t number) {
 }
 
 } // namespace
+
+void AppendJsonInt(std::string& out, std::int32_t number) {
+    char digits[16]; // the longest number, 11 characters, and a group copied whole past it
+    out.append(digits, PutInt(digits, number));
+}
 
 char* WriteJsonIntArray(char* out, const std::int32_t* numbers, std::size_t count) {
     // The room is sized for the longest possible text, so no number needs a bounds check and
