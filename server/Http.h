@@ -1,6 +1,7 @@
 // The HTTP vocabulary every part of the server shares.
 #pragma once
 
+#include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/http.hpp>
 
 #include <any>
@@ -20,6 +21,9 @@ using Response = http::response<http::string_body>;
 struct ConnectionState {
     std::uint64_t id = 0;
     std::any authentication;
+    // For a handler that answers below HTTP (the tests' fault server writes broken answers);
+    // once it shuts the socket down, the connection ends after the handler returns.
+    boost::asio::ip::tcp::socket* socket = nullptr;
 };
 
 // Thrown anywhere below a route; the dispatcher turns it into {"error": message}.

@@ -154,6 +154,7 @@ void HttpServer::Serve(Connection connection, std::uint64_t id) {
     SetReceiveTimeout(socket.native_handle(), settings_.idleSeconds);
     ConnectionState state;
     state.id = id;
+    state.socket = &socket;
     beast::flat_buffer buffer;
     beast::error_code ec;
     while (!stopping_ && !ec) {

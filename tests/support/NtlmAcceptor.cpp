@@ -179,16 +179,16 @@ ScriptedResponse NtlmAcceptor::Answer(const RecordedRequest& request,
         if (major == GSS_S_CONTINUE_NEEDED) {
             const auto* bytes = static_cast<const unsigned char*>(output.value);
             response = Unauthorized("NTLM " + EncodeBase64({bytes, bytes + output.length}));
-            connection.state = pending;
+            connection.authentication = pending;
         } else {
-            connection.state.reset();
+            connection.authentication.reset();
         }
         gss_release_buffer(&minor, &output);
     } else if (kind == LegKind::Authenticate) {
-        auto* slot = std::any_cast<std::shared_ptr<PendingHandshake>>(&connection.state);
+        auto* slot = std::any_cast<std::shared_ptr<PendingHandshake>>(&connection.authentication);
         if (slot != nullptr && *slot) {
             auto pending = std::move(*slot);
-            connection.state.reset();
+            connection.authentication.reset();
             OM_uint32 minor = 0;
             gss_buffer_desc input = {token->size(), token->data()};
             gss_buffer_desc output = GSS_C_EMPTY_BUFFER;
