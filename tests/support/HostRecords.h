@@ -1,0 +1,192 @@
+// The host's side of a test, as plain subclasses of the host interfaces: attribute definition
+// records (HostDefinitions) and the readers of a table's data (HostTable: one CRepoAttribute per
+// column with its CDistinctValues and CValueIds over vectors). The readers note every call the
+// library makes, with its thread, in a HostLog, which can make one named call throw.
+#pragma once
+
+#include "TableRepositoryImport.h"
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace testsupport {
+
+struct HostCall {
+    std::string what; // "Prepare", "GetValue(3)", "CopyValue(3)", "GetName(a)", "GetType(a)",
+                      // "GetDistinctValues(a)", "GetValueIds(a)", "GetValueId(a,3)"
+    std::thread::id thread;
+    int tick; // place in the order of Tick(), shared with whatever else a test ticks
+};
+
+// Every host call of a test, in order. The library may call the readers on a worker thread.
+class HostLog {
+public:
+    // Notes the call; throws std::runtime_error("boom") if it is the one named by failOn.
+    void Note(const std::string& what) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_calls.push_back({what, std::this_thread::get_id(), Tick()});
+        }
+        if (what == failOn) {
+            throw std::runtime_error("boom");
+        }
+    }
+    int Tick() { return m_ticks++; }
+    std::vector<HostCall> Calls() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_calls;
+    }
+    std::vector<std::string> Names() const {
+        std::vector<std::string> names;
+        for (const HostCall& call : Calls()) {
+            names.push_back(call.what);
+        }
+        return names;
+    }
+
+    std::string failOn;
+
+private:
+    std::atomic<int> m_ticks{0};
+    mutable std::mutex m_mutex;
+    std::vector<HostCall> m_calls;
+};
+
+// One column of the host's table: distinct values by index, value ids by row, both from 0.
+struct Column {
+    std::string name; // UTF-8, as every text of these records
+    std::vector<std::string> values;
+    std::vector<int> ids;
+    int type = 0;
+};
+
+// Distinct values of one column. CopyValue writes nothing for an empty value, as hosts do for a
+// missing one, so the library must have cleared the buffer.
+class HostDistinctValues final : public CDistinctValues {
+public:
+    HostDistinctValues(HostLog& log, const std::vector<std::string>& values) : m_log(log) {
+        for (const std::string& value : values) {
+            m_values.emplace_back(CString(value.c_str()).GetString());
+        }
+    }
+    void Prepare() override { m_log.Note("Prepare"); }
+    LPCWSTR GetValue(int index) override {
+        m_log.Note("GetValue(" + std::to_string(index) + ")");
+        return m_values.at(static_cast<std::size_t>(index)).c_str();
+    }
+    void CopyValue(int index, LPWSTR buffer) override {
+        m_log.Note("CopyValue(" + std::to_string(index) + ")");
+        const std::wstring& value = m_values.at(static_cast<std::size_t>(index));
+        if (!value.empty()) {
+            std::copy(value.c_str(), value.c_str() + value.size() + 1, buffer);
+        }
+    }
+
+private:
+    HostLog& m_log;
+    std::vector<std::wstring> m_values;
+};
+
+// The host's table: one attribute record per column, in column order, alive as long as this.
+class HostTable {
+public:
+    explicit HostTable(const std::vector<Column>& columns) {
+        for (const Column& column : columns) {
+            m_records.push_back(std::make_unique<Attribute>(log, column));
+            m_list.AddTail(m_records.back().get());
+        }
+    }
+    CList<CRepoAttribute*>* Attributes() { return &m_list; }
+    CDistinctValues* DistinctValues(std::size_t column) { return &m_records.at(column)->values; }
+
+    HostLog log;
+
+private:
+    struct ValueIds final : CValueIds {
+        ValueIds(HostLog& log, const Column& column) : log(log), name(column.name), ids(column.ids) {}
+        int GetValueId(int row) override {
+            log.Note("GetValueId(" + name + "," + std::to_string(row) + ")");
+            return ids.at(static_cast<std::size_t>(row));
+        }
+        HostLog& log;
+        std::string name;
+        std::vector<int> ids;
+    };
+    struct Attribute final : CRepoAttribute {
+        Attribute(HostLog& log, const Column& column)
+            : log(log), column(column), values(log, column.values), ids(log, column) {}
+        CString GetName() override {
+            Noted("GetName");
+            return CString(column.name.c_str());
+        }
+        int GetType() override {
+            Noted("GetType");
+            return column.type;
+        }
+        CDistinctValues* GetDistinctValues() override {
+            Noted("GetDistinctValues");
+            return &values;
+        }
+        CValueIds* GetValueIds() override {
+            Noted("GetValueIds");
+            return &ids;
+        }
+        void Noted(const char* call) { log.Note(std::string(call) + "(" + column.name + ")"); }
+        HostLog& log;
+        Column column;
+        HostDistinctValues values;
+        ValueIds ids;
+    };
+
+    std::vector<std::unique_ptr<Attribute>> m_records;
+    CList<CRepoAttribute*> m_list;
+};
+
+// The host's attribute definitions with their value ranges and cases, owned for the test's length.
+class HostDefinitions {
+public:
+    DesktopAttributeDTO& Add(const CString& name) {
+        auto* attribute = Own(new DesktopAttributeDTO);
+        attribute->AttributeName = name;
+        m_list.AddTail(attribute);
+        return *attribute;
+    }
+    DesktopValueRangeDTO& AddRange(DesktopAttributeDTO& attribute, int op, const CString& threshold,
+                                   const std::vector<CString>& valueSet, const CString& className,
+                                   BOOL unmodified) {
+        auto* range = Own(new DesktopValueRangeDTO);
+        range->Operator = op;
+        range->StringThreshold = threshold;
+        for (const CString& value : valueSet) {
+            range->ValueSet.AddTail(value);
+        }
+        range->ClassName = className;
+        range->Unmodified = unmodified;
+        attribute.ValueRanges.AddTail(range);
+        return *range;
+    }
+    DesktopCaseDTO& AddCase(DesktopAttributeDTO& attribute, const CString& condition,
+                            const CString& name) {
+        auto* c = Own(new DesktopCaseDTO);
+        c->Condition = condition;
+        c->CaseName = name;
+        attribute.Cases.AddTail(c);
+        return *c;
+    }
+    CList<DesktopAttributeDTO*>* List() { return &m_list; }
+
+private:
+    template <class Record> Record* Own(Record* record) {
+        m_records.emplace_back(record);
+        return record;
+    }
+    std::vector<std::unique_ptr<CObject>> m_records;
+    CList<DesktopAttributeDTO*> m_list;
+};
+
+} // namespace testsupport
