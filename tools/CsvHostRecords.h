@@ -14,7 +14,7 @@ namespace lxrepo {
 
 // One column's distinct values as wide text. GetValue's text must outlive the call, so the
 // texts of a chunk are kept until the next chunk's Prepare.
-class CsvDistinctValues : public CDistinctValues {
+class CsvDistinctValues final : public CDistinctValues {
 public:
     explicit CsvDistinctValues(const DistinctValues& values) : values_(values) {}
     void Prepare() override { chunk_.clear(); }
@@ -27,7 +27,7 @@ private:
 };
 
 // The value ids of the rows of the chunk in hand; rows are table rows.
-class CsvValueIds : public CValueIds {
+class CsvValueIds final : public CValueIds {
 public:
     void Hold(long first, const std::vector<int>& ids);
     int GetValueId(int row) override;
@@ -37,7 +37,7 @@ private:
     const std::vector<int>* ids_ = nullptr;
 };
 
-class CsvAttribute : public CRepoAttribute {
+class CsvAttribute final : public CRepoAttribute {
 public:
     explicit CsvAttribute(const ColumnScan& column);
     CString GetName() override { return name_; }

@@ -1,5 +1,6 @@
 # Installs the built library into a scratch prefix, builds the consumer project against it and
-# runs it. Arguments: BUILD_DIR, SOURCE_DIR, WORK_DIR, GENERATOR, SANITIZE.
+# runs it. Arguments: BUILD_DIR, SOURCE_DIR, WORK_DIR, GENERATOR, SANITIZE, COMPILER (the
+# library's: a sanitizer runtime must be the same compiler's on both sides).
 file(REMOVE_RECURSE "${WORK_DIR}")
 execute_process(COMMAND "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${WORK_DIR}/prefix"
                 RESULT_VARIABLE result)
@@ -12,6 +13,7 @@ if(SANITIZE)
 endif()
 execute_process(COMMAND "${CMAKE_COMMAND}" -S "${SOURCE_DIR}" -B "${WORK_DIR}/build" -G "${GENERATOR}"
                 "-DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix" "-DCMAKE_CXX_FLAGS=${flags}"
+                "-DCMAKE_CXX_COMPILER=${COMPILER}"
                 RESULT_VARIABLE result)
 if(result)
   message(FATAL_ERROR "configuring the consumer failed")
