@@ -4,18 +4,10 @@
 #include <gtest/gtest.h>
 
 #include "e2e/Deployment.h"
-#include "e2e/GeneratedTable.h"
 
-#include "ServerFixture.h"
-#include "TableRepositoryImport.h"
-
-#include <nlohmann/json.hpp>
-
-#include <algorithm>
 #include <memory>
 #include <ostream>
 #include <string>
-#include <tuple>
 #include <vector>
 
 // gss-ntlmssp 1.2 never frees the MD4 digest it fetches from OpenSSL when it hashes a password;
@@ -28,17 +20,13 @@ using namespace e2e;
 using servertest::QueryRows;
 using servertest::Row;
 
-constexpr long kDistinctChunk = 16;
-constexpr long kRowChunk = 100;
-
 struct WayCase {
     const char* name;
     Way way;
+    const char* version; // what the proxy reports
 };
 
 void PrintTo(const WayCase& c, std::ostream* os) { *os << c.name; }
-
-std::string Quoted(const std::string& identifier) { return "\"" + identifier + "\""; }
 
 class ImportEndToEnd : public ::testing::TestWithParam<WayCase> {
 protected:
@@ -51,111 +39,62 @@ protected:
         if (GetParam().way == Way::Login) {
             browser = std::make_unique<LoginBrowser>();
         }
-        client.reset(dynamic_cast<CTableRepositoryImport*>(new_TableRepositoryImport()));
-        ASSERT_NE(client, nullptr);
     }
 
-    // Registration and connection test, as the host starts every import.
-    void Connect() {
-        const Expectations& expected = deployment->Expected();
-        client->RegisterWithAuthenticationProxy(deployment->ProxyConfiguration());
-        const TestConnectionResult result = client->TestConnection(Wide(deployment->ServiceUrl()));
+    void ExpectConnected(const Imported& imported) {
         if (browser) {
             EXPECT_EQ(browser->Outcome(), "");
         }
-        EXPECT_EQ(Utf8(result.errorText), "");
-        EXPECT_EQ(Utf8(result.version), expected.version);
-        ASSERT_EQ(result.status, expected.connectionStatus);
-    }
-
-    // Table, definitions and every attribute's distinct values in chunks; id gets the table's.
-    void DefineTable(CString& id) {
-        EXPECT_EQ(client->IsAuthorized(Wide(table.tableClass)), 1);
-        EXPECT_EQ(client->IsAuthorized(L"Payroll"), 0);
-        int status = 0;
-        std::tie(status, id) = client->CreateTable(Wide(table.name), Wide(table.tableClass),
-                                                   Wide(table.description), 0, table.rows);
-        ASSERT_EQ(status, 201);
-        // The service's ids are the name, "#" and eight hex digits: a blank, non-ASCII text and
-        // a "#" that every later path must carry encoded.
-        EXPECT_EQ(Utf8(id).rfind(table.name + "#", 0), 0u) << Utf8(id);
-        ASSERT_EQ(client->CreateAttributeDefinitions(id, host.Definitions()), 1);
-        for (std::size_t c = 0; c < table.columns.size(); ++c) {
-            const Column& column = table.columns[c];
-            const CString name = Wide(column.name);
-            ASSERT_EQ(client->BeginDistinctValues(id, name), 1) << column.name;
-            const auto count = static_cast<long>(column.distinctValues.size());
-            for (long first = 0; first < count; first += kDistinctChunk) {
-                ASSERT_EQ(client->ImportDistinctValuesChunk(
-                              id, name, first, std::min(count, first + kDistinctChunk),
-                              host.DistinctValues(c), column.copyMode),
-                          1)
-                    << column.name << " from " << first;
-            }
-            ASSERT_EQ(client->EndDistinctValues(id, name), 1) << column.name;
-        }
-    }
-
-    std::vector<Row> DataTables() const {
-        return QueryRows(database, "select name from sqlite_master where type = 'table' and "
-                                   "name <> 'lxrepo_tables' order by name");
+        EXPECT_EQ(Utf8(imported.connection.errorText), "");
+        EXPECT_EQ(Utf8(imported.connection.version), GetParam().version);
     }
 
     const Table table = GenerateTable();
-    HostTable host{table};
     servertest::TempDirectory files;
     std::string database = files.File("repo.sqlite");
     std::unique_ptr<Deployment> deployment;
     std::unique_ptr<LoginBrowser> browser;
-    std::unique_ptr<CTableRepositoryImport> client;
 };
 
 TEST_P(ImportEndToEnd, EveryCellArrivesInTheSqlTable) {
-    ASSERT_NO_FATAL_FAILURE(Connect());
-    CString id;
-    ASSERT_NO_FATAL_FAILURE(DefineTable(id));
-
-    ASSERT_EQ(client->BeginImportValueIds(id, host.Attributes()), 1);
-    for (long first = 0; first < table.rows; first += kRowChunk) {
-        ASSERT_EQ(client->ImportValueIdsChunk(id, first,
-                                              std::min<long>(table.rows, first + kRowChunk),
-                                              host.Attributes(), 0),
-                  1)
-            << "rows from " << first;
-    }
-    ASSERT_EQ(client->EndImportValueIds(id, host.Attributes()), 1);
-    ASSERT_EQ(client->EndImport(id), 1);
+    const Imported imported = ImportThroughLibrary(deployment->Host(), table);
+    ExpectConnected(imported);
+    ASSERT_EQ(imported.failure, "");
+    // The service's ids are the name, "#" and eight hex digits: a blank, non-ASCII text and a
+    // "#" that every later path must carry encoded.
+    EXPECT_EQ(imported.id.rfind(table.name + "#", 0), 0u) << imported.id;
 
     EXPECT_EQ(deployment->ProxyConnectStatus(), 200);
-    const CAuthenticationProxyResult unregistered =
-        client->UnregisterFromAuthenticationProxy(deployment->ProxyConfiguration());
+    const auto unregistered =
+        imported.client->UnregisterFromAuthenticationProxy(deployment->Host().proxy);
     EXPECT_EQ(Utf8(unregistered.message), "");
     EXPECT_EQ(deployment->ProxyConnectStatus(), 401) << "the proxy still knows the client";
 
     std::vector<Row> columns;
-    for (const Column& column : table.columns) {
+    for (const auto& column : table.columns) {
         columns.push_back({column.name});
     }
-    EXPECT_EQ(QueryRows(database, "select name from pragma_table_info(" + Quoted(table.name) +
-                                      ") order by cid"),
+    EXPECT_EQ(QueryRows(database,
+                        "select name from pragma_table_info('" + table.name + "') order by cid"),
               columns);
-    const auto rows =
-        QueryRows(database, "select * from " + Quoted(table.name) + " order by rowid");
+    const auto rows = servertest::TableRows(database, table.name);
     const auto expected = ExpectedRows(table);
     ASSERT_EQ(rows.size(), expected.size());
     for (std::size_t r = 0; r < rows.size(); ++r) {
         EXPECT_EQ(rows[r], expected[r]) << "row " << r;
     }
-
     const auto catalogue =
         QueryRows(database, "select name, table_id, table_class, description, record_count, "
                             "imported_by, client, attributes from lxrepo_tables");
     ASSERT_EQ(catalogue.size(), 1u);
-    const Expectations& who = deployment->Expected();
     const Row entry(catalogue[0].begin(), catalogue[0].end() - 1);
-    const Row expectedEntry = {
-        table.name,     Utf8(id),  table.tableClass, table.description, std::to_string(table.rows),
-        who.importedBy, who.client};
+    const Row expectedEntry = {table.name,
+                               imported.id,
+                               table.tableClass,
+                               table.description,
+                               std::to_string(table.rows),
+                               deployment->ImportedBy(),
+                               deployment->Client()};
     EXPECT_EQ(entry, expectedEntry);
     ASSERT_TRUE(catalogue[0].back().has_value());
     EXPECT_EQ(nlohmann::json::parse(*catalogue[0].back()), ExpectedAttributeDocument(table));
@@ -164,33 +103,20 @@ TEST_P(ImportEndToEnd, EveryCellArrivesInTheSqlTable) {
 // The service commits only complete columns: one attribute a value id short spoils the whole
 // import, and nothing of it may reach the file.
 TEST_P(ImportEndToEnd, ValueIdsOneShortForAnAttributeLeaveNoTable) {
-    ASSERT_NO_FATAL_FAILURE(Connect());
-    CString id;
-    ASSERT_NO_FATAL_FAILURE(DefineTable(id));
-
-    const std::size_t shortColumn = 2;
-    CList<CRepoAttribute*> allButOne;
-    for (std::size_t c = 0; c < table.columns.size(); ++c) {
-        if (c != shortColumn) {
-            allButOne.AddTail(host.Attribute(c));
-        }
-    }
-    const long last = table.rows - 1;
-    ASSERT_EQ(client->BeginImportValueIds(id, host.Attributes()), 1);
-    ASSERT_EQ(client->ImportValueIdsChunk(id, 0, last, host.Attributes(), 0), 1);
-    ASSERT_EQ(client->ImportValueIdsChunk(id, last, table.rows, &allButOne, 0), 1);
-    ASSERT_EQ(client->EndImportValueIds(id, host.Attributes()), 1);
-    EXPECT_EQ(client->EndImport(id), 0);
-
-    EXPECT_EQ(DataTables(), std::vector<Row>{});
+    const Imported imported =
+        ImportThroughLibrary(deployment->Host(), table, Until::EndWithOneAttributeShort);
+    ExpectConnected(imported);
+    EXPECT_EQ(imported.failure, "");
+    EXPECT_EQ(QueryRows(database, "select name from sqlite_master where type = 'table'"),
+              std::vector<Row>{{"lxrepo_tables"}});
     EXPECT_EQ(QueryRows(database, "select count(*) from lxrepo_tables"), std::vector<Row>{{"0"}});
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Ways, ImportEndToEnd,
-    ::testing::Values(WayCase{"ThroughTheAuthenticationProxy", Way::Proxy},
-                      WayCase{"DirectWithLoginAtTheOpenIdProvider", Way::Login},
-                      WayCase{"DirectWithNtlmHandshake", Way::Ntlm}),
+    ::testing::Values(WayCase{"ThroughTheAuthenticationProxy", Way::Proxy, "1.0.0-lxproxy-2.1"},
+                      WayCase{"DirectWithLoginAtTheOpenIdProvider", Way::Login, "2.0.0"},
+                      WayCase{"DirectWithNtlmHandshake", Way::Ntlm, "1.0.0"}),
     [](const ::testing::TestParamInfo<WayCase>& info) { return std::string(info.param.name); });
 
 } // namespace

@@ -1,12 +1,13 @@
-// The service's rules for one import, case by case: order (409), bodies (400), names (404).
-// Every case creates a table of two records with the attributes A and B, runs its set-up calls
-// (each must get 200) and then the probe.
+// The service's rules for one import, call by call: order (409), bodies (400), names (404), and
+// nothing of an import visible in the file before its End. Every case creates a table of two
+// records with the attributes A and B, runs its set-up calls (each must get 200), then the probe.
 #include <gtest/gtest.h>
 
 #include "ServerFixture.h"
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -18,51 +19,51 @@ struct Call {
     std::vector<Segment> rest; // after "/Import/Tables" / id
     std::string body;
 };
+using Calls = std::vector<Call>;
 
-Call Attributes(const std::vector<std::string>& names = {"A", "B"}) {
-    return {{Word("Attributes")}, AttributeDocument(names)};
-}
-Call Phase(const char* kind, const std::string& attribute, const char* command) {
-    return {{Word(kind), Name(attribute), Word(command)}, "null"};
-}
-Call Chunk(const char* kind, const std::string& attribute, const std::string& body) {
-    return {{Word(kind), Name(attribute)}, body};
-}
-Call End() { return {{Word("End")}, "null"}; }
-
-std::vector<Call> operator+(std::vector<Call> first, const std::vector<Call>& second) {
+Calls operator+(Calls first, const Calls& second) {
     first.insert(first.end(), second.begin(), second.end());
     return first;
 }
+Call Attributes(const std::vector<std::string>& names = {"A", "B"}) {
+    return {{Word("Attributes")}, AttributeDocument(names)};
+}
+Call Phase(const char* kind, const char* attribute, const char* command) {
+    return {{Word(kind), Name(attribute), Word(command)}, "null"};
+}
+Call Chunk(const char* kind, const char* attribute, const std::string& body) {
+    return {{Word(kind), Name(attribute)}, body};
+}
+const Call kEnd = {{Word("End")}, "null"};
 
 // Both attributes with the distinct values ["x", "y"].
-std::vector<Call> DistinctValuesDone() {
-    std::vector<Call> calls = {Attributes()};
-    for (const char* attribute : {"A", "B"}) {
-        calls = calls + std::vector<Call>{Phase("DistinctValues", attribute, "Begin"),
-                                          Chunk("DistinctValues", attribute, R"(["x","y"])"),
-                                          Phase("DistinctValues", attribute, "End")};
+Calls DistinctValuesDone() {
+    Calls calls = {Attributes()};
+    for (const char* a : {"A", "B"}) {
+        calls = calls + Calls{Phase("DistinctValues", a, "Begin"),
+                              Chunk("DistinctValues", a, R"(["x","y"])"),
+                              Phase("DistinctValues", a, "End")};
     }
     return calls;
 }
-std::vector<Call> ValueIdsOpen() {
+Calls ValueIdsOpen() {
     return DistinctValuesDone() +
-           std::vector<Call>{Phase("ValueIds", "A", "Begin"), Phase("ValueIds", "B", "Begin")};
+           Calls{Phase("ValueIds", "A", "Begin"), Phase("ValueIds", "B", "Begin")};
 }
-std::vector<Call> ValueIdsDone(const char* idsOfA = "[0,1]") {
-    return ValueIdsOpen() +
-           std::vector<Call>{Chunk("ValueIds", "A", idsOfA), Chunk("ValueIds", "B", "[1,-1]"),
-                             Phase("ValueIds", "A", "End"), Phase("ValueIds", "B", "End")};
+Calls ValueIdsDone(const char* idsOfA = "[0,1]") {
+    return ValueIdsOpen() + Calls{Chunk("ValueIds", "A", idsOfA), Chunk("ValueIds", "B", "[1,-1]"),
+                                  Phase("ValueIds", "A", "End"), Phase("ValueIds", "B", "End")};
 }
 
 struct Case {
     std::string name;
-    std::vector<Call> setUp;
+    Calls setUp;
     Call probe;
     int status;
+    std::string errorPart = ""; // in the error text
 };
 
-std::ostream& operator<<(std::ostream& out, const Case& c) { return out << c.name; }
+void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
 
 const Case cases[] = {
     // Order
@@ -88,13 +89,13 @@ const Case cases[] = {
     {"distinct values again once value ids began", ValueIdsOpen(),
      Phase("DistinctValues", "A", "Begin"), 409},
     {"value-ids chunk after its End", ValueIdsDone(), Chunk("ValueIds", "A", "[0]"), 409},
-    {"End while value ids are open", ValueIdsOpen(), End(), 409},
-    {"End before any attribute definition", {}, End(), 409},
-    {"End with fewer value ids than records", ValueIdsDone("[0]"), End(), 409},
-    {"a call after the End", ValueIdsDone() + std::vector<Call>{End()},
-     Phase("DistinctValues", "A", "Begin"), 409},
-    {"End twice", ValueIdsDone() + std::vector<Call>{End()}, End(), 409},
-    {"the right order", ValueIdsDone(), End(), 200},
+    {"End while value ids are open", ValueIdsOpen(), kEnd, 409},
+    {"End before any attribute definition", {}, kEnd, 409},
+    {"End with fewer value ids than records", ValueIdsDone("[0]"), kEnd, 409, "1 value ids"},
+    {"a call after the End", ValueIdsDone() + Calls{kEnd}, Phase("DistinctValues", "A", "Begin"),
+     409, "already ended"},
+    {"End twice", ValueIdsDone() + Calls{kEnd}, kEnd, 409, "already ended"},
+    {"the right order", ValueIdsDone(), kEnd, 200},
     // Bodies
     {"malformed JSON attribute definitions",
      {},
@@ -130,8 +131,7 @@ const Case cases[] = {
      400},
     // Names
     {"unknown attribute", {Attributes()}, Phase("DistinctValues", "Z", "Begin"), 404},
-    {"unknown attribute's chunk",
-     DistinctValuesDone() + std::vector<Call>{Phase("ValueIds", "A", "Begin")},
+    {"unknown attribute's chunk", DistinctValuesDone() + Calls{Phase("ValueIds", "A", "Begin")},
      Chunk("ValueIds", "a", "[0]"), 404},
     {"unknown table command", {Attributes()}, {{Word("Columns")}, "null"}, 404},
 };
@@ -139,13 +139,14 @@ const Case cases[] = {
 class ImportRules : public ::testing::TestWithParam<Case> {
 protected:
     TempDirectory directory;
-    RunningServer server{DefaultOptions(directory.File("repo.sqlite"))};
+    std::string database = directory.File("repo.sqlite");
+    RunningServer server{DefaultOptions(database)};
 };
 
 TEST_P(ImportRules, AnswerTheCallAsTheRulesSay) {
     const Case& c = GetParam();
     std::string id;
-    ASSERT_EQ(CreateTable(server.Url(), "Rules", 2, false, &id).status, 201);
+    ASSERT_EQ(CreateTable(server.Url(), "Rules", 2, &id).status, 201);
     for (std::size_t i = 0; i < c.setUp.size(); ++i) {
         const Answer answer = PostImport(server.Url(), id, c.setUp[i].rest, c.setUp[i].body);
         ASSERT_EQ(answer.status, 200) << "set-up call " << i << ": " << answer.body;
@@ -154,11 +155,17 @@ TEST_P(ImportRules, AnswerTheCallAsTheRulesSay) {
     EXPECT_EQ(answer.status, c.status) << answer.body;
     EXPECT_EQ(answer.contentType.rfind("application/json", 0), 0u) << answer.contentType;
     if (c.status >= 400) {
-        const auto body = nlohmann::json::parse(answer.body, nullptr, false);
-        ASSERT_TRUE(body.is_object() && body.contains("error") && body["error"].is_string())
-            << answer.body;
-        EXPECT_FALSE(body["error"].get<std::string>().empty());
+        EXPECT_NE(answer.Error(), "") << answer.body;
+        EXPECT_NE(answer.Error().find(c.errorPart), std::string::npos) << answer.body;
     }
+    // The table and its catalogue entry appear with a successful End, not a call earlier.
+    const auto isEnd = [](const Call& call) { return call.rest[0].text == "End"; };
+    const bool ended =
+        std::any_of(c.setUp.begin(), c.setUp.end(), isEnd) || (isEnd(c.probe) && c.status == 200);
+    EXPECT_EQ(QueryRows(database, "select name from sqlite_master where name = 'Rules'").size(),
+              ended ? 1u : 0u);
+    EXPECT_EQ(QueryRows(database, "select table_id from lxrepo_tables"),
+              ended ? std::vector<Row>{{id}} : std::vector<Row>{});
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, ImportRules, ::testing::ValuesIn(cases),
@@ -170,31 +177,37 @@ INSTANTIATE_TEST_SUITE_P(Cases, ImportRules, ::testing::ValuesIn(cases),
                              return name;
                          });
 
-TEST(ImportRequests, UnknownTablesMalformedCreationsAndOversizedBodies) {
+// Calls outside one import's order, to a service that takes bodies up to 4096 bytes and tables
+// of the classes Sales and Stock only.
+TEST(ImportRequests, TablesClassesBodiesAndPathsAreChecked) {
     TempDirectory directory;
     auto options = DefaultOptions(directory.File("repo.sqlite"));
     options.http.maxBodyBytes = 4096;
+    options.allowedClasses = {"Sales", "Stock"};
     RunningServer server(options);
+    const nlohmann::json good = {{"recordCount", 1},
+                                 {"tableClass", "Stock"},
+                                 {"tableDescription", ""},
+                                 {"tableName", "T"},
+                                 {"tableOverwrite", false}};
+    const auto with = [&](const char* key, const nlohmann::json& value) {
+        auto body = good;
+        body[key] = value;
+        return body.dump();
+    };
+    const auto without = [&](const char* key) {
+        auto body = good;
+        body.erase(key);
+        return body.dump();
+    };
+    const auto klass = [](const char* name) { return nlohmann::json{{"tableClass", name}}.dump(); };
+    const std::vector<Segment> tables = {Word("/Import/Tables")},
+                               authorize = {Word("/Import/Authorization")};
     struct Probe {
         const char* name;
         std::vector<Segment> path;
         std::optional<std::string> body;
         int status;
-    };
-    const nlohmann::json good = {{"recordCount", 1},
-                                 {"tableClass", "c"},
-                                 {"tableDescription", ""},
-                                 {"tableName", "T"},
-                                 {"tableOverwrite", false}};
-    auto without = [&](const char* key) {
-        auto body = good;
-        body.erase(key);
-        return body.dump();
-    };
-    auto with = [&](const char* key, nlohmann::json value) {
-        auto body = good;
-        body[key] = std::move(value);
-        return body.dump();
     };
     const Probe probes[] = {
         {"unknown table",
@@ -204,34 +217,34 @@ TEST(ImportRequests, UnknownTablesMalformedCreationsAndOversizedBodies) {
          404},
         {"unknown table's End", {Word("/Import/Tables"), Name("x"), Word("End")}, "null", 404},
         {"unknown endpoint", {Word("/Import/Nothing")}, "null", 404},
-        {"malformed JSON creation", {Word("/Import/Tables")}, "{\"tableName\": ", 400},
-        {"creation without tableName", {Word("/Import/Tables")}, without("tableName"), 400},
-        {"creation without recordCount", {Word("/Import/Tables")}, without("recordCount"), 400},
-        {"tableOverwrite as a number", {Word("/Import/Tables")}, with("tableOverwrite", 1), 400},
-        {"recordCount as a string", {Word("/Import/Tables")}, with("recordCount", "1"), 400},
-        {"negative recordCount", {Word("/Import/Tables")}, with("recordCount", -1), 400},
-        {"empty tableName", {Word("/Import/Tables")}, with("tableName", ""), 400},
-        {"reserved tableName", {Word("/Import/Tables")}, with("tableName", "lxrepo_tables"), 400},
-        {"creation as an array", {Word("/Import/Tables")}, "[]", 400},
-        {"Authorization without tableClass", {Word("/Import/Authorization")}, "{}", 400},
-        {"body over the limit",
-         {Word("/Import/Tables")},
-         std::string(5000, ' ') + good.dump(),
-         413},
-        {"body at the limit",
-         {Word("/Import/Tables")},
-         std::string(4096 - good.dump().size(), ' ') + good.dump(),
+        {"malformed JSON creation", tables, "{\"tableName\": ", 400},
+        {"creation without tableName", tables, without("tableName"), 400},
+        {"creation without recordCount", tables, without("recordCount"), 400},
+        {"tableOverwrite as a number", tables, with("tableOverwrite", 1), 400},
+        {"recordCount as a string", tables, with("recordCount", "1"), 400},
+        {"negative recordCount", tables, with("recordCount", -1), 400},
+        {"empty tableName", tables, with("tableName", ""), 400},
+        {"reserved tableName", tables, with("tableName", "lxrepo_tables"), 400},
+        {"creation as an array", tables, "[]", 400},
+        {"creation of a class not allowed", tables, with("tableClass", "HR"), 403},
+        {"Authorization without tableClass", authorize, "{}", 400},
+        {"Authorization of an allowed class", authorize, klass("Sales"), 200},
+        {"Authorization of another allowed class", authorize, klass("Stock"), 200},
+        {"Authorization of a class but for case", authorize, klass("sales"), 403},
+        {"Authorization of an empty class", authorize, klass(""), 403},
+        {"body over the limit", tables, std::string(5000, ' ') + good.dump(), 413},
+        {"body at the limit", tables, std::string(4096 - good.dump().size(), ' ') + good.dump(),
          201},
+        {"Connect", {Word("/Import/Connect")}, std::nullopt, 200},
         {"Connect by POST", {Word("/Import/Connect")}, "null", 405},
         {"nothing there", {Word("/elsewhere")}, std::nullopt, 404},
     };
     for (const auto& p : probes) {
-        const Answer answer = Send(server.Url(), p.body ? "POST" : "GET", p.path, p.body);
+        const Answer answer = Send(server.Url(), p.path, p.body);
         EXPECT_EQ(answer.status, p.status) << "case: " << p.name << ": " << answer.body;
-        if (p.status >= 400) {
-            const auto body = nlohmann::json::parse(answer.body, nullptr, false);
-            EXPECT_TRUE(body.is_object() && body.contains("error")) << "case: " << p.name;
-        }
+        EXPECT_EQ(answer.contentType.rfind("application/json", 0), 0u) << "case: " << p.name;
+        EXPECT_EQ(answer.Error().empty(), p.status < 400)
+            << "case: " << p.name << ": " << answer.body;
     }
 }
 

@@ -1,20 +1,61 @@
+// lxrepo run as a program against an lxrepo-server service and proxy in this process; its tables
+// read back from SQLite.
 // GoogleTest comes first: cpprestsdk's function-like macro U() breaks its templates.
 #include <gtest/gtest.h>
 
-#include "LxrepoRun.h"
+#include "ServerFixture.h"
+#include "support/Process.h"
 
+#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include <optional>
 #include <string>
 #include <vector>
 
-namespace lxrepotest {
-
 namespace {
 
 using servertest::QueryRows;
 using servertest::Row;
+
+// A service accepting the classes "default" and "sales", and a proxy that forwards to it.
+class Lxrepo {
+public:
+    Lxrepo() {
+        auto service = servertest::DefaultOptions(Database(), lxrepo::Role::Service);
+        service.allowedClasses = {"default", "sales"};
+        service_ = std::make_unique<servertest::RunningServer>(service);
+        auto proxy = servertest::DefaultOptions(files_.File("proxy.sqlite"), lxrepo::Role::Proxy);
+        proxy.proxy.allowedServers = {service_->Url()};
+        proxy_ = std::make_unique<servertest::RunningServer>(proxy);
+    }
+    std::string Database() const { return files_.File("repo.sqlite"); }
+    std::string Write(const std::string& name, const std::string& content) const {
+        std::ofstream(files_.File(name), std::ios::binary) << content;
+        return files_.File(name);
+    }
+    // lxrepo with args, then this deployment's service and proxy unless told otherwise.
+    testsupport::Finished Run(std::vector<std::string> args, bool connect = true) const {
+        args.insert(args.begin(), LXREPO_BINARY);
+        if (connect) {
+            args.insert(args.end(), {"--server", service_->Url(), "--proxy", proxy_->Url()});
+        }
+        return testsupport::RunToEnd(args);
+    }
+    int ProxyConnectStatus() const {
+        return servertest::Send(
+                   proxy_->Url(), {servertest::Word("connect")}, std::nullopt,
+                   {{"lxclient", "lxrepo"}, {"lxserver", service_->Url()}, {"lxauth", "windows"}})
+            .status;
+    }
+
+private:
+    servertest::TempDirectory files_;
+    std::unique_ptr<servertest::RunningServer> service_;
+    std::unique_ptr<servertest::RunningServer> proxy_;
+};
+
+const std::optional<std::string> kEmpty;
 
 struct RoundTrip {
     const char* name;
@@ -24,7 +65,7 @@ struct RoundTrip {
     std::vector<int> types;
 };
 
-const std::optional<std::string> kEmpty;
+void PrintTo(const RoundTrip& c, std::ostream* out) { *out << c.name; }
 
 const RoundTrip kRoundTrips[] = {
     {"quoted_fields",
@@ -53,107 +94,91 @@ const RoundTrip kRoundTrips[] = {
      {3, 1, 0, 0}},
 };
 
-void PrintTo(const RoundTrip& c, std::ostream* out) { *out << c.name; }
-
 class LxrepoRoundTrip : public ::testing::TestWithParam<RoundTrip> {};
 
 // Chunks of two rows and two distinct values, so every phase takes several requests.
 TEST_P(LxrepoRoundTrip, TableInSqliteEqualsTheFileCellByCell) {
     const RoundTrip& c = GetParam();
-    Deployment deployment;
-    const std::string file = deployment.Write(std::string(c.name) + ".csv", c.csv);
-    const Outcome run = deployment.Lxrepo({"import", file, "--chunk-rows", "2", "--json"});
-    ASSERT_EQ(run.status, 0) << "case: " << c.name << "\n" << run.err;
-
+    Lxrepo lxrepo;
+    const auto run = lxrepo.Run({"import", lxrepo.Write(std::string(c.name) + ".csv", c.csv),
+                                 "--chunk-rows", "2", "--json"});
+    ASSERT_EQ(run.status, 0) << run.err;
     const auto summary = nlohmann::json::parse(run.out);
-    EXPECT_EQ(summary["rows"], c.rows.size()) << "case: " << c.name;
-    EXPECT_EQ(summary["attributes"], c.header.size()) << "case: " << c.name;
-    EXPECT_EQ(summary["table"], c.name) << "case: " << c.name;
+    EXPECT_EQ(summary["rows"], c.rows.size());
+    EXPECT_EQ(summary["attributes"], c.header.size());
+    EXPECT_EQ(summary["table"], c.name);
 
-    const std::string table = std::string("\"") + c.name + "\"";
-    std::vector<std::string> header;
-    for (const Row& column :
-         QueryRows(deployment.Database(),
-                   "select name from pragma_table_info('" + std::string(c.name) + "')")) {
-        header.push_back(*column[0]);
+    std::vector<Row> header;
+    for (const std::string& name : c.header) {
+        header.push_back({name});
     }
-    EXPECT_EQ(header, c.header) << "case: " << c.name;
-    EXPECT_EQ(QueryRows(deployment.Database(), "select * from " + table + " order by rowid"),
-              c.rows)
-        << "case: " << c.name;
-
-    const Row document =
-        QueryRows(deployment.Database(), "select attributes from lxrepo_tables where table_id = '" +
-                                             summary["tableId"].get<std::string>() + "'")
-            .at(0);
+    EXPECT_EQ(QueryRows(lxrepo.Database(),
+                        "select name from pragma_table_info('" + std::string(c.name) + "')"),
+              header);
+    EXPECT_EQ(servertest::TableRows(lxrepo.Database(), c.name), c.rows);
+    const auto document =
+        QueryRows(lxrepo.Database(), "select attributes from lxrepo_tables where table_id = '" +
+                                         summary["tableId"].get<std::string>() + "'");
+    ASSERT_EQ(document.size(), 1u);
     std::vector<int> types;
-    for (const auto& attribute : nlohmann::json::parse(*document.at(0))) {
+    for (const auto& attribute : nlohmann::json::parse(*document[0][0])) {
         types.push_back(attribute["Type"]);
     }
-    EXPECT_EQ(types, c.types) << "case: " << c.name;
+    EXPECT_EQ(types, c.types);
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, LxrepoRoundTrip, ::testing::ValuesIn(kRoundTrips),
                          [](const auto& info) { return std::string(info.param.name); });
 
-struct Malformed {
-    const char* name;
-    std::string csv;
-    int line;
-};
-
-const Malformed kMalformed[] = {
-    {"quote_left_open", "a,b\n1,2\n3,\"open\n4,5\n", 3},
-    {"too_few_fields", "a,b\n1,2\n3\n", 3},
-    {"too_many_fields_after_a_quoted_break", "a,b\n\"x\ny\",2\n1,2,3\n", 4},
-    {"quote_inside_unquoted_field", "a,b\n1,2\n1,x\"y\n", 3},
-    {"text_after_closing_quote", "a,b\n\"1\"x,2\n", 2},
-    {"column_name_twice", "a,a\n1,2\n", 1},
-};
-
-void PrintTo(const Malformed& c, std::ostream* out) { *out << c.name; }
-
-class LxrepoMalformedFile : public ::testing::TestWithParam<Malformed> {};
-
-TEST_P(LxrepoMalformedFile, ExitsWithTwoAndTheLineNumber) {
-    const Malformed& c = GetParam();
-    Deployment deployment;
-    const Outcome run = deployment.Lxrepo({"import", deployment.Write("bad.csv", c.csv)});
-    EXPECT_EQ(run.status, 2) << "case: " << c.name << "\n" << run.err;
-    EXPECT_NE(run.err.find("line " + std::to_string(c.line) + ":"), std::string::npos)
-        << "case: " << c.name << "\n"
-        << run.err;
+TEST(LxrepoMalformedFile, ExitsWithTwoAndTheLineNumber) {
+    const struct {
+        const char* name;
+        std::string csv;
+        int line;
+    } cases[] = {
+        {"quote left open", "a,b\n1,2\n3,\"open\n4,5\n", 3},
+        {"too few fields", "a,b\n1,2\n3\n", 3},
+        {"too many fields after a quoted break", "a,b\n\"x\ny\",2\n1,2,3\n", 4},
+        {"quote inside an unquoted field", "a,b\n1,2\n1,x\"y\n", 3},
+        {"text after a closing quote", "a,b\n\"1\"x,2\n", 2},
+        {"column name twice", "a,a\n1,2\n", 1},
+    };
+    Lxrepo lxrepo;
+    for (const auto& c : cases) {
+        const auto run = lxrepo.Run({"import", lxrepo.Write("bad.csv", c.csv)});
+        EXPECT_EQ(run.status, 2) << "case: " << c.name << "\n" << run.err;
+        EXPECT_NE(run.err.find("line " + std::to_string(c.line) + ":"), std::string::npos)
+            << "case: " << c.name << "\n"
+            << run.err;
+    }
+    EXPECT_EQ(QueryRows(lxrepo.Database(), "select count(*) from lxrepo_tables"),
+              std::vector<Row>{{"0"}});
 }
-
-INSTANTIATE_TEST_SUITE_P(Files, LxrepoMalformedFile, ::testing::ValuesIn(kMalformed),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-struct Refusal {
-    const char* name;
-    std::vector<std::string> args; // after "import FILE"
-    int status;
-    std::vector<std::string> said; // pieces of the message
-};
 
 // sales.csv already exists as a table when each case runs.
 TEST(LxrepoFailures, ExitStatusAndMessageNameWhatFailed) {
-    Deployment deployment;
-    const std::string file = deployment.Write("sales.csv", "region,units\nnorth,3\nsouth,\n");
-    ASSERT_EQ(deployment.Lxrepo({"import", file}).status, 0);
-    const std::string nowhere = "http://127.0.0.1:" + std::to_string(servertest::FreePort());
-    const Refusal cases[] = {
-        {"existing_table", {}, 1, {"create table \"sales\"", "409"}},
-        {"class_not_allowed", {"--class", "secret"}, 1, {"\"secret\"", "authorize"}},
-        {"unreachable_proxy", {"--server", nowhere, "--proxy", nowhere}, 3, {nowhere}},
-        {"missing_file", {"--table", "x"}, 2, {"cannot read"}},
-        {"bad_chunk_size", {"--chunk-rows", "0"}, 2, {"chunk-rows"}},
+    Lxrepo lxrepo;
+    const std::string file = lxrepo.Write("sales.csv", "region,units\nnorth,3\nsouth,\n");
+    ASSERT_EQ(lxrepo.Run({"import", file}).status, 0);
+    const std::string nowhere = "http://127.0.0.1:" + std::to_string(testsupport::FreePort());
+    const struct {
+        const char* name;
+        std::vector<std::string> args; // after "import"
+        bool connect;
+        int status;
+        std::vector<std::string> said; // pieces of the message
+    } cases[] = {
+        // Table names compare without case, as SQLite's do.
+        {"existing table", {file, "--table", "SALES"}, true, 1, {"create table \"SALES\"", "409"}},
+        {"class not allowed", {file, "--class", "secret"}, true, 1, {"\"secret\"", "authorize"}},
+        {"unreachable proxy", {file, "--server", nowhere, "--proxy", nowhere}, false, 3, {nowhere}},
+        {"missing file", {file + ".gone", "--table", "x"}, true, 2, {"cannot read"}},
+        {"bad chunk size", {file, "--chunk-rows", "0"}, true, 2, {"chunk-rows"}},
     };
-    for (const Refusal& c : cases) {
-        std::vector<std::string> args{
-            "import", std::string(c.name) == "missing_file" ? file + ".gone" : file};
+    for (const auto& c : cases) {
+        std::vector<std::string> args{"import"};
         args.insert(args.end(), c.args.begin(), c.args.end());
-        const bool connect = std::string(c.name) != "unreachable_proxy";
-        const Outcome run = deployment.Lxrepo(args, connect);
+        const auto run = lxrepo.Run(args, c.connect);
         EXPECT_EQ(run.status, c.status) << "case: " << c.name << "\n" << run.err;
         for (const std::string& piece : c.said) {
             EXPECT_NE(run.err.find(piece), std::string::npos)
@@ -161,31 +186,28 @@ TEST(LxrepoFailures, ExitStatusAndMessageNameWhatFailed) {
                 << run.err;
         }
     }
-    // Every run withdrew its registration, the refused ones too: the proxy no longer connects
-    // the client.
-    const auto connect = servertest::Send(
-        deployment.ProxyUrl(), "GET", {servertest::Word("connect")}, std::nullopt,
-        {{"lxclient", "lxrepo"}, {"lxserver", deployment.ServiceUrl()}, {"lxauth", "windows"}});
-    EXPECT_EQ(connect.status, 401) << connect.body;
+    // Every run withdrew its registration, the refused ones too.
+    EXPECT_EQ(lxrepo.ProxyConnectStatus(), 401);
     // Refused imports left the first one alone; --overwrite replaces it.
-    EXPECT_EQ(QueryRows(deployment.Database(), "select count(*) from sales"),
-              (std::vector<Row>{{"2"}}));
-    ASSERT_EQ(deployment.Lxrepo({"import", file, "--overwrite", "--table", "Sales"}).status, 0);
+    EXPECT_EQ(servertest::TableRows(lxrepo.Database(), "sales"),
+              (std::vector<Row>{{"north", "3"}, {"south", kEmpty}}));
+    const std::string other = lxrepo.Write("other.csv", "units\n7\n");
+    ASSERT_EQ(lxrepo.Run({"import", other, "--overwrite", "--table", "Sales"}).status, 0);
+    EXPECT_EQ(servertest::TableRows(lxrepo.Database(), "sales"), std::vector<Row>{{"7"}});
+    EXPECT_EQ(QueryRows(lxrepo.Database(), "select name from lxrepo_tables"),
+              std::vector<Row>{{"Sales"}});
 }
 
 TEST(LxrepoCheck, ReportsStatusVersionAndAuthorization) {
-    Deployment deployment;
-    const Outcome allowed = deployment.Lxrepo({"check", "--class", "sales"});
+    Lxrepo lxrepo;
+    const auto allowed = lxrepo.Run({"check", "--class", "sales"});
     EXPECT_EQ(allowed.status, 0) << allowed.err;
-    EXPECT_NE(allowed.out.find("connection: Connected"), std::string::npos) << allowed.out;
-    EXPECT_NE(allowed.out.find("lxproxy"), std::string::npos) << allowed.out;
-    EXPECT_NE(allowed.out.find("\"sales\": authorized"), std::string::npos) << allowed.out;
-
-    const Outcome refused = deployment.Lxrepo({"check", "--class", "secret"});
+    for (const char* piece : {"connection: Connected", "lxproxy", "\"sales\": authorized"}) {
+        EXPECT_NE(allowed.out.find(piece), std::string::npos) << allowed.out;
+    }
+    const auto refused = lxrepo.Run({"check", "--class", "secret"});
     EXPECT_EQ(refused.status, 1) << refused.err;
     EXPECT_NE(refused.out.find("\"secret\": not authorized"), std::string::npos) << refused.out;
 }
 
 } // namespace
-
-} // namespace lxrepotest
