@@ -2,11 +2,14 @@
 // browser that plays the user at it. The provider needs `npm ci --prefix tests/oidc` first.
 #pragma once
 
+#include "support/Process.h"
+
+#include <csignal>
+#include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 namespace testsupport {
 
@@ -17,30 +20,23 @@ inline constexpr char kOidcDeniedText[] = "alice declined to let the desktop imp
 
 class OidcProvider {
 public:
-    // Starts `node tests/oidc/provider.mjs` and returns once it answers discovery. Throws
-    // std::runtime_error, saying what to do, when node or the npm packages are missing.
+    // Starts `node tests/oidc/provider.mjs`. Throws std::runtime_error, saying what to do, when
+    // node or the npm packages are missing.
     OidcProvider();
-    // Stop() unless already stopped.
-    ~OidcProvider();
-    OidcProvider(const OidcProvider&) = delete;
-    OidcProvider& operator=(const OidcProvider&) = delete;
-
-    // Ends the node process and waits for it; the port no longer answers afterwards.
-    void Stop();
+    // Ends the node process; the port no longer answers afterwards.
+    void Stop() { node_->Stop(SIGTERM); }
 
     unsigned short Port() const { return port_; }
-    std::string BaseUrl() const;     // "http://127.0.0.1:<port>"
-    std::string IdentityUrl() const; // BaseUrl() + "/identity", the issuer
+    std::string BaseUrl() const { return "http://127.0.0.1:" + std::to_string(port_); }
+    std::string IdentityUrl() const { return BaseUrl() + "/identity"; } // the issuer
 
     // Status of GET /Import/Connect with "Authorization: Bearer <accessToken>": 200 when the
     // provider issued that token for the import service, 401 otherwise.
     int ConnectStatus(const std::string& accessToken) const;
 
 private:
-    int pid_ = -1;
-    int output_ = -1;
+    std::unique_ptr<ChildProcess> node_;
     unsigned short port_ = 0;
-    std::thread drain_;
 };
 
 struct BrowserPage {
@@ -66,5 +62,27 @@ private:
 
 // Pieces of an http URL's query, decoded ('+' is a space); empty for a URL without one.
 std::map<std::string, std::string> QueryFields(const std::string& url);
+
+// The user's browser as the library's launcher sees it (install Launch with `this` as its
+// context): each page it is asked to open is played on a thread of its own, as a real browser
+// is a process of its own. A browser that cannot start makes Launch report failure.
+class LaunchedBrowser {
+public:
+    explicit LaunchedBrowser(std::function<void(const std::string& url)> play, bool starts = true)
+        : play_(std::move(play)), starts_(starts) {}
+    ~LaunchedBrowser() { Finish(); }
+
+    static int Launch(const wchar_t* url, void* self);
+    // Waits for the visit to end; what it threw, "" if nothing.
+    std::string Finish();
+
+    std::string url; // the last page it was asked to open
+
+private:
+    std::function<void(const std::string&)> play_;
+    bool starts_;
+    std::thread visit_;
+    std::string failure_;
+};
 
 } // namespace testsupport
