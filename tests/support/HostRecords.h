@@ -6,7 +6,7 @@
 
 #include "TableRepositoryImport.h"
 
-#include <atomic>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -20,7 +20,6 @@ struct HostCall {
     std::string what; // "Prepare", "GetValue(3)", "CopyValue(3)", "GetName(a)", "GetType(a)",
                       // "GetDistinctValues(a)", "GetValueIds(a)", "GetValueId(a,3)"
     std::thread::id thread;
-    int tick; // place in the order of Tick(), shared with whatever else a test ticks
 };
 
 // Every host call of a test, in order. The library may call the readers on a worker thread.
@@ -30,13 +29,12 @@ public:
     void Note(const std::string& what) {
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            m_calls.push_back({what, std::this_thread::get_id(), Tick()});
+            m_calls.push_back({what, std::this_thread::get_id()});
         }
         if (what == failOn) {
             throw std::runtime_error("boom");
         }
     }
-    int Tick() { return m_ticks++; }
     std::vector<HostCall> Calls() const {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_calls;
@@ -52,7 +50,6 @@ public:
     std::string failOn;
 
 private:
-    std::atomic<int> m_ticks{0};
     mutable std::mutex m_mutex;
     std::vector<HostCall> m_calls;
 };
@@ -101,6 +98,7 @@ public:
             m_list.AddTail(m_records.back().get());
         }
     }
+    HostTable(std::initializer_list<Column> columns) : HostTable(std::vector<Column>(columns)) {}
     CList<CRepoAttribute*>* Attributes() { return &m_list; }
     CDistinctValues* DistinctValues(std::size_t column) { return &m_records.at(column)->values; }
 

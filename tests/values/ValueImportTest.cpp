@@ -1,0 +1,217 @@
+// The value import as the host drives it: what its records are asked, on which thread, the
+// bodies that reach the service, what becomes of the host's own exceptions, and where the list
+// operations stop. These run under ThreadSanitizer too: the value ids are read on a worker thread.
+// gtest first: cpprestsdk defines a macro U that gtest's headers use as a template parameter.
+#include <gtest/gtest.h>
+
+#include "client/PlainException.h"
+#include "support/ConnectedClient.h"
+#include "support/HostRecords.h"
+#include "support/Thrown.h"
+
+#include <algorithm>
+#include <climits>
+#include <functional>
+#include <set>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+using namespace testsupport;
+
+namespace {
+
+std::vector<std::string> Bodies(const RecordingServer& server) {
+    std::vector<std::string> bodies;
+    for (const RecordedRequest& r : server.Requests()) {
+        bodies.push_back(r.body);
+    }
+    return bodies;
+}
+
+struct DistinctCase {
+    const char* name;
+    std::vector<std::string> values;
+    long first, last;
+    int copyMode;
+    std::string body;
+};
+
+TEST(ValueImport, DistinctValuesGoOutAsJsonStringsInIndexOrderAfterOnePrepare) {
+    const DistinctCase cases[] = {
+        {"by pointer: numbers, literals and escapes stay text",
+         {"red", "-1.5", "null", "say \"hi\"\\\n", "Z\xc3\xbcrich"}, 0, 5, 0,
+         R"(["red","-1.5","null","say \"hi\"\\\n",")" "Z\xc3\xbcrich\"]"},
+        {"copied with any non-zero mode; writing nothing is the empty text", {"", "b", "", "d"},
+         0, 4, -5, R"(["","b","","d"])"},
+        {"a range from the middle: positions, not indices", {"a", "b", "c"}, 1, 3, 0,
+         R"(["b","c"])"},
+        {"an empty range still prepares", {"a"}, 4, 4, 1, "[]"},
+        {"a reversed range still prepares", {"a"}, 5, 2, 0, "[]"},
+        {"the copy buffer holds the longest value", {"s", std::string(9999, 'w')}, 0, 2, 1,
+         "[\"s\",\"" + std::string(9999, 'w') + "\"]"},
+    };
+    RecordingServer service;
+    ConnectedClient client(service.BaseUrl());
+    for (const DistinctCase& c : cases) {
+        service.Clear();
+        HostTable table({{"", c.values, {}}});
+        EXPECT_EQ(client->ImportDistinctValuesChunk(L"T", L"A", c.first, c.last,
+                                                    table.DistinctValues(0), c.copyMode),
+                  1)
+            << "case: " << c.name;
+        std::vector<std::string> calls = {"Prepare"};
+        for (long index = c.first; index < c.last; ++index) {
+            calls.push_back((c.copyMode != 0 ? "CopyValue(" : "GetValue(") + std::to_string(index) + ")");
+        }
+        EXPECT_EQ(table.log.Names(), calls) << "case: " << c.name;
+        for (const HostCall& call : table.log.Calls()) {
+            EXPECT_EQ(call.thread, std::this_thread::get_id()) << "case: " << c.name << ", " << call.what;
+        }
+        EXPECT_EQ(Bodies(service), std::vector<std::string>{c.body}) << "case: " << c.name;
+    }
+}
+
+// The caller is parked while one worker thread reads the host's records, row by row across the
+// attributes, asking for the reader each time; all of it before the first request arrives. Each
+// attribute's column then goes out in row order.
+TEST(ValueImport, ValueIdsAreReadOnOneWorkerThreadThenSentColumnByColumn) {
+    HostTable table({{"a", {}, {10, 11, 12}}, {"b", {}, {-1, -2, -3}}, {"c", {}, {INT_MIN, 0, INT_MAX}}});
+    RecordingServer service;
+    service.SetHandler([&](const RecordedRequest& r, ConnectionContext&) {
+        table.log.Note("arrived " + r.body);
+        return ScriptedResponse{};
+    });
+    ConnectedClient client(service.BaseUrl());
+    ASSERT_EQ(client->ImportValueIdsChunk(L"T", 1, 3, table.Attributes(), 0), 1);
+    EXPECT_EQ(table.log.Names(),
+              (std::vector<std::string>{
+                  "GetValueIds(a)", "GetValueId(a,1)", "GetValueIds(b)", "GetValueId(b,1)",
+                  "GetValueIds(c)", "GetValueId(c,1)", "GetValueIds(a)", "GetValueId(a,2)",
+                  "GetValueIds(b)", "GetValueId(b,2)", "GetValueIds(c)", "GetValueId(c,2)",
+                  "GetName(a)", "arrived [11,12]", "GetName(b)", "arrived [-2,-3]", "GetName(c)",
+                  "arrived [0,2147483647]"}));
+    std::set<std::thread::id> threads;
+    for (const HostCall& call : table.log.Calls()) {
+        if (call.what.rfind("arrived", 0) != 0) {
+            threads.insert(call.thread);
+        }
+    }
+    EXPECT_EQ(threads.size(), 1u);
+    EXPECT_EQ(threads.count(std::this_thread::get_id()), 0u);
+
+    for (const auto& [first, last] : {std::pair{1, 1}, std::pair{9, 2}}) {
+        service.Clear();
+        ASSERT_EQ(client->ImportValueIdsChunk(L"T", first, last, table.Attributes(), 0), 1);
+        EXPECT_EQ(Bodies(service), (std::vector<std::string>{"[]", "[]", "[]"}))
+            << "case: rows " << first << " to " << last;
+    }
+}
+
+// Bodies of several MiB leave in larger transfer chunks than small ones, and each column's text
+// is written where the one before it was; the second column's is the shorter, so a stale length
+// or a leftover tail would show. Through the proxy the pipeline makes a second client.
+TEST(ValueImport, LargeValueIdColumnsArriveByteForByte) {
+    std::vector<Column> columns = {{"a", {}, {}}, {"b", {}, {}}};
+    std::vector<std::string> expected(2);
+    for (int k = 0; k < 2; ++k) {
+        for (int row = 0; row < 300000; ++row) {
+            const int id = static_cast<int>((row * 7919LL + k) % (k == 0 ? 2000003 : 200003) - 100001);
+            columns[k].ids.push_back(id);
+            expected[k] += (row == 0 ? "[" : ",") + std::to_string(id);
+        }
+        expected[k] += "]";
+    }
+    ASSERT_TRUE(1024u * 1024 < expected[1].size() && expected[1].size() < expected[0].size());
+    HostTable table(columns);
+    RecordingServer service;
+    for (const ConnectedBy by : {ConnectedBy::Plain, ConnectedBy::Proxy}) {
+        ConnectedClient client(service.BaseUrl(), by);
+        ASSERT_EQ(client->ImportValueIdsChunk(L"t", 0, 300000, table.Attributes(), 0), 1);
+        EXPECT_TRUE(Bodies(by == ConnectedBy::Proxy ? client.Proxy() : service) == expected)
+            << "case: " << (by == ConnectedBy::Proxy ? "through the proxy" : "direct");
+    }
+}
+
+using Drive = std::function<int(CTableRepositoryImport&, HostTable&)>;
+
+const Drive kBeginIds = [](CTableRepositoryImport& c, HostTable& t) {
+    return c.BeginImportValueIds(L"T", t.Attributes());
+};
+const Drive kEndIds = [](CTableRepositoryImport& c, HostTable& t) {
+    return c.EndImportValueIds(L"T", t.Attributes());
+};
+const Drive kIdsChunk = [](CTableRepositoryImport& c, HostTable& t) {
+    return c.ImportValueIdsChunk(L"T", 0, 2, t.Attributes(), 0);
+};
+const Drive kValues = [](CTableRepositoryImport& c, HostTable& t) {
+    return c.ImportDistinctValuesChunk(L"T", L"a", 0, 2, t.DistinctValues(0), 0) +
+           c.ImportDistinctValuesChunk(L"T", L"a", 0, 2, t.DistinctValues(0), 1);
+};
+
+struct HostFailureCase {
+    const char* name;
+    Drive drive;
+    const char* failOn;
+    bool flattened;
+    std::size_t requests; // sent before the failure
+};
+
+// The value-id chunk flattens the host's exception to a plain std::exception; every other
+// operation hands it back unchanged. Nothing is sent after it, and the distinct values' copy
+// buffer is not lost on the way (LeakSanitizer watches that).
+TEST(ValueImport, HostExceptionsPassUnchangedExceptFromTheValueIdChunk) {
+    const HostFailureCase cases[] = {
+        {"BeginImportValueIds", kBeginIds, "GetName(b)", false, 1},
+        {"EndImportValueIds", kEndIds, "GetName(b)", false, 1},
+        {"ImportValueIdsChunk, an id", kIdsChunk, "GetValueId(c,1)", true, 0},
+        {"ImportValueIdsChunk, a name", kIdsChunk, "GetName(b)", true, 1},
+        {"ImportDistinctValuesChunk by pointer", kValues, "GetValue(1)", false, 0},
+        {"ImportDistinctValuesChunk copied", kValues, "CopyValue(1)", false, 1},
+    };
+    RecordingServer service;
+    ConnectedClient client(service.BaseUrl());
+    for (const HostFailureCase& c : cases) {
+        service.Clear();
+        HostTable table({{"a", {"x", "y"}, {1, 2}}, {"b", {}, {1, 2}}, {"c", {}, {1, 2}}});
+        table.log.failOn = c.failOn;
+        EXPECT_EQ(ThrownBy([&] { c.drive(*client, table); }),
+                  c.flattened ? ThrownBy([] { ThrowPlainException(std::runtime_error("boom")); })
+                              : Expected<std::runtime_error>("boom"))
+            << "case: " << c.name;
+        EXPECT_EQ(service.Requests().size(), c.requests) << "case: " << c.name;
+    }
+}
+
+// Phases opened and columns sent before a refusal stay so; nothing after it is asked for, and an
+// empty list is a success without a request.
+TEST(ValueImport, ListOperationsStopAtTheFirstRefusedAttribute) {
+    const std::tuple<const char*, Drive, std::string> operations[] = {
+        {"BeginImportValueIds", kBeginIds, "/Begin"},
+        {"EndImportValueIds", kEndIds, "/End"},
+        {"ImportValueIdsChunk", kIdsChunk, ""}};
+    RecordingServer service;
+    ConnectedClient client(service.BaseUrl());
+    for (const auto& [name, drive, suffix] : operations) {
+        service.Clear();
+        service.SetDefault({500, {}, "", false, {}});
+        HostTable none(std::vector<Column>{});
+        EXPECT_EQ(drive(*client, none), 1) << "case: " << name << ", no attributes";
+        service.Enqueue({200, {}, "", false, {}});
+        service.Enqueue({201, {}, "", false, {}});
+        HostTable table({{"a", {}, {1, 2}}, {"b", {}, {1, 2}}, {"c", {}, {1, 2}}});
+        EXPECT_EQ(drive(*client, table), 0) << "case: " << name;
+        std::vector<std::string> paths;
+        for (const RecordedRequest& r : service.Requests()) {
+            paths.push_back(r.path);
+        }
+        EXPECT_EQ(paths, (std::vector<std::string>{"/Import/Tables/T/ValueIds/a" + suffix,
+                                                   "/Import/Tables/T/ValueIds/b" + suffix}))
+            << "case: " << name;
+        const auto calls = table.log.Names();
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "GetName(c)"), 0) << "case: " << name;
+    }
+}
+
+} // namespace
