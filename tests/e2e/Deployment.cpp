@@ -89,6 +89,7 @@ Deployment::Deployment(Way way, const std::string& database, const std::string& 
         service.introspection = {providerUrl + "/token/introspection", "lxrepo-service",
                                  "service-secret-for-introspection"};
         service.identityUpstream = providerUrl;
+        service.trustedProxies = {"lxrepo-proxy"};
         proxy.proxyOAuth = {serviceUrl + "/identity/token", "lxrepo-proxy",
                             "proxy-secret-for-tokens", "", ""};
         // A major version 2 tells the library to log in and talk to the service itself.
@@ -122,7 +123,7 @@ Deployment::Deployment(Way way, const std::string& database, const std::string& 
 Deployment::~Deployment() = default;
 
 int Deployment::ProxyConnectStatus() const {
-    return servertest::Send(proxy_->Url(), {servertest::Word("/connect")}, std::nullopt,
+    return servertest::Send(proxy_->Url(), "/connect", std::nullopt,
                             {{"lxclient", kClientName},
                              {"lxserver", endpoint_.serviceUrl},
                              {"lxauth", provider_ ? "oauth" : "windows"}})

@@ -7,8 +7,6 @@
 #include "TableRepositoryImport.h"
 #include "support/HostRecords.h"
 
-#include <nlohmann/json.hpp>
-
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,8 +19,6 @@ struct Table {
     std::string description;
     int rows = 0;
     std::vector<testsupport::Column> columns;
-    std::vector<int> copyModes; // how the library is told to read each column's distinct values
-    nlohmann::json definitions; // per column the members the host sets; the rest stay default
 };
 
 // About 250 rows of text (non-ASCII, commas, quotes, empty), integers, decimals and dates as
@@ -31,8 +27,6 @@ Table GenerateTable(const std::string& name = "Ums\xC3\xA4tze Q1 2024", int rota
 
 // What the data table must hold, row by row, in column order; NULL for a missing value.
 std::vector<servertest::Row> ExpectedRows(const Table& table);
-// The attribute document the catalogue must hold.
-nlohmann::json ExpectedAttributeDocument(const Table& table);
 
 // Where a host connects and what its connection test must answer there.
 struct Endpoint {

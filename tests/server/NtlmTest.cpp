@@ -138,11 +138,11 @@ TEST_F(Ntlm, OnlyTheTrustedProxyAccountMayNameTheClient) {
 TEST_F(Ntlm, ProxyWithAWrongPasswordCannotConnect) {
     const Query parameters = {
         {"lxclient", "desk"}, {"lxserver", server->Url()}, {"lxauth", "windows"}};
-    ASSERT_EQ(Send(server->Url(), {Word("/register")}, std::nullopt, parameters).status, 200);
-    const Answer connect = Send(server->Url(), {Word("/connect")}, std::nullopt, parameters);
+    ASSERT_EQ(Send(server->Url(), "/register", std::nullopt, parameters).status, 200);
+    const Answer connect = Send(server->Url(), "/connect", std::nullopt, parameters);
     EXPECT_EQ(connect.status, 401) << connect.body;
     const Answer forwarded =
-        Send(server->Url(), {Word("/forward"), Word("/Import/Connect")}, std::nullopt, parameters);
+        Send(server->Url(), "/forward/Import/Connect", std::nullopt, parameters);
     EXPECT_EQ(forwarded.status, 401) << forwarded.body;
 }
 

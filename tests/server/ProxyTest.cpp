@@ -27,10 +27,10 @@ protected:
 
     Answer Call(const std::string& path, const Query& query,
                 const std::optional<std::string>& body = std::nullopt) {
-        return Send(proxy->Url(), {Word(path)}, body, query);
+        return Send(proxy->Url(), path, body, query);
     }
     Answer Forward(const Query& query, const std::string& body) {
-        return Send(proxy->Url(), {Word("/forward"), Word("/Import/Tables")}, body, query);
+        return Send(proxy->Url(), "/forward/Import/Tables", body, query);
     }
 
     TempDirectory directory;
@@ -123,13 +123,12 @@ TEST_F(Proxy, ForwardPassesOnTheServiceQueryAndNamesTheClient) {
     ASSERT_EQ(
         Call("/register", {{"lxclient", "desk \xC3\xBC"}, {"lxserver", recorder.BaseUrl()}}).status,
         200);
-    const Answer answer =
-        Send(proxy->Url(), {Word("/forward"), Word("/Import/Connect")}, std::nullopt,
-             {{"keep", "1 2"},
-              {"lxclient", "desk \xC3\xBC"},
-              {"lxserver", recorder.BaseUrl()},
-              {"x", ""},
-              {"lxauth", "windows"}});
+    const Answer answer = Send(proxy->Url(), "/forward/Import/Connect", std::nullopt,
+                               {{"keep", "1 2"},
+                                {"lxclient", "desk \xC3\xBC"},
+                                {"lxserver", recorder.BaseUrl()},
+                                {"x", ""},
+                                {"lxauth", "windows"}});
     EXPECT_EQ(answer.status, 200) << answer.body;
     const auto requests = recorder.Requests();
     ASSERT_EQ(requests.size(), 1u);
@@ -140,10 +139,10 @@ TEST_F(Proxy, ForwardPassesOnTheServiceQueryAndNamesTheClient) {
 TEST_F(Proxy, EachRoleServesOnlyItsOwnPaths) {
     const Query registration = {{"lxclient", "a"}, {"lxserver", "b"}};
     RunningServer both(DefaultOptions(directory.File("both.sqlite")));
-    EXPECT_EQ(Send(proxy->Url(), {Word("/Import/Connect")}).status, 404);
-    EXPECT_EQ(Send(service.Url(), {Word("/register")}, std::nullopt, registration).status, 404);
-    EXPECT_EQ(Send(both.Url(), {Word("/Import/Connect")}).status, 200);
-    EXPECT_EQ(Send(both.Url(), {Word("/register")}, std::nullopt, registration).status, 200);
+    EXPECT_EQ(Send(proxy->Url(), "/Import/Connect").status, 404);
+    EXPECT_EQ(Send(service.Url(), "/register", std::nullopt, registration).status, 404);
+    EXPECT_EQ(Send(both.Url(), "/Import/Connect").status, 200);
+    EXPECT_EQ(Send(both.Url(), "/register", std::nullopt, registration).status, 200);
 }
 
 } // namespace

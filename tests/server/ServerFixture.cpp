@@ -3,6 +3,8 @@
 
 #include "ServerFixture.h"
 
+#include "Url.h"
+
 #include <cpprest/http_client.h>
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
@@ -55,13 +57,11 @@ std::string Answer::Error() const {
                : "";
 }
 
-Answer Send(const std::string& baseUrl, const std::vector<Segment>& path,
+Answer Send(const std::string& baseUrl, const std::string& path,
             const std::optional<std::string>& body, const Query& query,
             const std::string& authorization) {
     web::uri_builder builder{web::uri(baseUrl)};
-    for (const auto& segment : path) {
-        builder.append_path(segment.text, segment.encode);
-    }
+    builder.append_path(path);
     for (const auto& [name, value] : query) {
         builder.append_query(name, value, true);
     }
@@ -80,11 +80,9 @@ Answer Send(const std::string& baseUrl, const std::vector<Segment>& path,
     return answer;
 }
 
-Answer PostImport(const std::string& baseUrl, const std::string& id,
-                  const std::vector<Segment>& rest, const std::string& body) {
-    std::vector<Segment> path = {Word("/Import/Tables"), Name(id)};
-    path.insert(path.end(), rest.begin(), rest.end());
-    return Send(baseUrl, path, body);
+Answer PostImport(const std::string& baseUrl, const std::string& id, const std::string& rest,
+                  const std::string& body) {
+    return Send(baseUrl, "/Import/Tables/" + lxrepo::PercentEncode(id) + rest, body);
 }
 
 Answer CreateTable(const std::string& baseUrl, const std::string& name, int recordCount,
@@ -94,7 +92,7 @@ Answer CreateTable(const std::string& baseUrl, const std::string& name, int reco
                                  {"tableDescription", ""},
                                  {"tableName", name},
                                  {"tableOverwrite", false}};
-    Answer answer = Send(baseUrl, {Word("/Import/Tables")}, body.dump());
+    Answer answer = Send(baseUrl, "/Import/Tables", body.dump());
     if (answer.status == 201 && id != nullptr) {
         *id = nlohmann::json::parse(answer.body).at("tableID").get<std::string>();
     }

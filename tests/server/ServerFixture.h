@@ -50,24 +50,17 @@ struct Answer {
     std::string Error() const; // the "error" member of a JSON body, "" without one
 };
 
-// A path segment: fixed words go as they are, names percent-encoded.
-struct Segment {
-    std::string text;
-    bool encode = false;
-};
-inline Segment Word(const std::string& text) { return {text, false}; }
-inline Segment Name(const std::string& text) { return {text, true}; }
 using Query = std::vector<std::pair<std::string, std::string>>;
 
-// One request as the client library sends it: a fresh cpprestsdk client, the path built with
-// uri_builder, the query values encoded, a body as application/json (POST when there is one).
-Answer Send(const std::string& baseUrl, const std::vector<Segment>& path,
+// One request as the client library sends it: a fresh cpprestsdk client, the path as given
+// (encoded already), the query values encoded, a body as application/json (then by POST).
+Answer Send(const std::string& baseUrl, const std::string& path,
             const std::optional<std::string>& body = std::nullopt, const Query& query = {},
             const std::string& authorization = "");
 
-// POST /Import/Tables/<id>/rest...
-Answer PostImport(const std::string& baseUrl, const std::string& id,
-                  const std::vector<Segment>& rest, const std::string& body);
+// POST /Import/Tables/<id, encoded><rest>
+Answer PostImport(const std::string& baseUrl, const std::string& id, const std::string& rest,
+                  const std::string& body);
 
 // POST /Import/Tables; for 201 *id gets the table id.
 Answer CreateTable(const std::string& baseUrl, const std::string& name, int recordCount,

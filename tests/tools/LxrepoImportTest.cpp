@@ -44,7 +44,7 @@ public:
     }
     int ProxyConnectStatus() const {
         return servertest::Send(
-                   proxy_->Url(), {servertest::Word("connect")}, std::nullopt,
+                   proxy_->Url(), "/connect", std::nullopt,
                    {{"lxclient", "lxrepo"}, {"lxserver", service_->Url()}, {"lxauth", "windows"}})
             .status;
     }
