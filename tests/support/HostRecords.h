@@ -9,6 +9,7 @@
 #include <initializer_list>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -17,8 +18,8 @@
 namespace testsupport {
 
 struct HostCall {
-    std::string what; // "Prepare", "GetValue(3)", "CopyValue(3)", "GetName(a)", "GetType(a)",
-                      // "GetDistinctValues(a)", "GetValueIds(a)", "GetValueId(a,3)"
+    // "Prepare", "GetValue(3)", "CopyValue(3)", "GetName(a)", "GetValueIds(a)", "GetValueId(a,3)"
+    std::string what;
     std::thread::id thread;
 };
 
@@ -38,6 +39,13 @@ public:
     std::vector<HostCall> Calls() const {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_calls;
+    }
+    std::set<std::thread::id> Threads() const {
+        std::set<std::thread::id> threads;
+        for (const HostCall& call : Calls()) {
+            threads.insert(call.thread);
+        }
+        return threads;
     }
     std::vector<std::string> Names() const {
         std::vector<std::string> names;
@@ -62,86 +70,64 @@ struct Column {
     int type = 0;
 };
 
-// Distinct values of one column. CopyValue writes nothing for an empty value, as hosts do for a
-// missing one, so the library must have cleared the buffer.
-class HostDistinctValues final : public CDistinctValues {
-public:
-    HostDistinctValues(HostLog& log, const std::vector<std::string>& values) : m_log(log) {
-        for (const std::string& value : values) {
-            m_values.emplace_back(CString(value.c_str()).GetString());
-        }
-    }
-    void Prepare() override { m_log.Note("Prepare"); }
-    LPCWSTR GetValue(int index) override {
-        m_log.Note("GetValue(" + std::to_string(index) + ")");
-        return m_values.at(static_cast<std::size_t>(index)).c_str();
-    }
-    void CopyValue(int index, LPWSTR buffer) override {
-        m_log.Note("CopyValue(" + std::to_string(index) + ")");
-        const std::wstring& value = m_values.at(static_cast<std::size_t>(index));
-        if (!value.empty()) {
-            std::copy(value.c_str(), value.c_str() + value.size() + 1, buffer);
-        }
-    }
-
-private:
-    HostLog& m_log;
-    std::vector<std::wstring> m_values;
-};
-
-// The host's table: one attribute record per column, in column order, alive as long as this.
+// The host's table: one attribute record per column, in column order, alive as long as this. A
+// record is its column's readers too. CopyValue writes nothing for an empty value, as hosts do for
+// a missing one, so the library must have cleared the buffer.
 class HostTable {
 public:
     explicit HostTable(const std::vector<Column>& columns) {
         for (const Column& column : columns) {
-            m_records.push_back(std::make_unique<Attribute>(log, column));
+            m_records.push_back(std::make_unique<Record>(log, column));
             m_list.AddTail(m_records.back().get());
         }
     }
     HostTable(std::initializer_list<Column> columns) : HostTable(std::vector<Column>(columns)) {}
     CList<CRepoAttribute*>* Attributes() { return &m_list; }
-    CDistinctValues* DistinctValues(std::size_t column) { return &m_records.at(column)->values; }
+    CDistinctValues* DistinctValues(std::size_t column) { return m_records.at(column).get(); }
 
     HostLog log;
 
 private:
-    struct ValueIds final : CValueIds {
-        ValueIds(HostLog& log, const Column& column) : log(log), name(column.name), ids(column.ids) {}
-        int GetValueId(int row) override {
-            log.Note("GetValueId(" + name + "," + std::to_string(row) + ")");
-            return ids.at(static_cast<std::size_t>(row));
+    struct Record final : CRepoAttribute, CDistinctValues, CValueIds {
+        Record(HostLog& log, const Column& column) : log(log), column(column) {
+            for (const std::string& value : column.values) {
+                values.emplace_back(CString(value.c_str()).GetString());
+            }
         }
-        HostLog& log;
-        std::string name;
-        std::vector<int> ids;
-    };
-    struct Attribute final : CRepoAttribute {
-        Attribute(HostLog& log, const Column& column)
-            : log(log), column(column), values(log, column.values), ids(log, column) {}
         CString GetName() override {
-            Noted("GetName");
+            log.Note("GetName(" + column.name + ")");
             return CString(column.name.c_str());
         }
-        int GetType() override {
-            Noted("GetType");
-            return column.type;
-        }
-        CDistinctValues* GetDistinctValues() override {
-            Noted("GetDistinctValues");
-            return &values;
-        }
+        // The host's own; the library never calls these two, so they note nothing.
+        int GetType() override { return column.type; }
+        CDistinctValues* GetDistinctValues() override { return this; }
         CValueIds* GetValueIds() override {
-            Noted("GetValueIds");
-            return &ids;
+            log.Note("GetValueIds(" + column.name + ")");
+            return this;
         }
-        void Noted(const char* call) { log.Note(std::string(call) + "(" + column.name + ")"); }
+        void Prepare() override { log.Note("Prepare"); }
+        LPCWSTR GetValue(int index) override {
+            log.Note("GetValue(" + std::to_string(index) + ")");
+            return values.at(static_cast<std::size_t>(index)).c_str();
+        }
+        void CopyValue(int index, LPWSTR buffer) override {
+            log.Note("CopyValue(" + std::to_string(index) + ")");
+            const std::wstring& value = values.at(static_cast<std::size_t>(index));
+            if (!value.empty()) {
+                std::copy(value.c_str(), value.c_str() + value.size() + 1, buffer);
+            }
+        }
+        int GetValueId(int row) override {
+            log.Note("GetValueId(" + column.name + "," + std::to_string(row) + ")");
+            return column.ids.at(static_cast<std::size_t>(row));
+        }
+        
         HostLog& log;
         Column column;
-        HostDistinctValues values;
-        ValueIds ids;
+        std::vector<std::wstring> values;
     };
 
-    std::vector<std::unique_ptr<Attribute>> m_records;
+    std::vector<std::unique_ptr<Record>> m_records;
     CList<CRepoAttribute*> m_list;
 };
 

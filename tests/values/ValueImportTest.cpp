@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <climits>
 #include <functional>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -22,24 +23,22 @@ using namespace testsupport;
 
 namespace {
 
-std::vector<std::string> Bodies(const RecordingServer& server) {
-    std::vector<std::string> bodies;
+std::vector<std::string> Received(const RecordingServer& server, std::string RecordedRequest::*part) {
+    std::vector<std::string> parts;
     for (const RecordedRequest& r : server.Requests()) {
-        bodies.push_back(r.body);
+        parts.push_back(r.*part);
     }
-    return bodies;
+    return parts;
 }
 
-struct DistinctCase {
-    const char* name;
-    std::vector<std::string> values;
-    long first, last;
-    int copyMode;
-    std::string body;
-};
-
 TEST(ValueImport, DistinctValuesGoOutAsJsonStringsInIndexOrderAfterOnePrepare) {
-    const DistinctCase cases[] = {
+    const struct {
+        const char* name;
+        std::vector<std::string> values;
+        long first, last;
+        int copyMode;
+        std::string body;
+    } cases[] = {
         {"by pointer: numbers, literals and escapes stay text",
          {"red", "-1.5", "null", "say \"hi\"\\\n", "Z\xc3\xbcrich"}, 0, 5, 0,
          R"(["red","-1.5","null","say \"hi\"\\\n",")" "Z\xc3\xbcrich\"]"},
@@ -47,64 +46,62 @@ TEST(ValueImport, DistinctValuesGoOutAsJsonStringsInIndexOrderAfterOnePrepare) {
          0, 4, -5, R"(["","b","","d"])"},
         {"a range from the middle: positions, not indices", {"a", "b", "c"}, 1, 3, 0,
          R"(["b","c"])"},
-        {"an empty range still prepares", {"a"}, 4, 4, 1, "[]"},
-        {"a reversed range still prepares", {"a"}, 5, 2, 0, "[]"},
+        {"a reversed range still prepares", {"a"}, 5, 2, 1, "[]"},
         {"the copy buffer holds the longest value", {"s", std::string(9999, 'w')}, 0, 2, 1,
          "[\"s\",\"" + std::string(9999, 'w') + "\"]"},
     };
     RecordingServer service;
     ConnectedClient client(service.BaseUrl());
-    for (const DistinctCase& c : cases) {
+    for (const auto& c : cases) {
         service.Clear();
-        HostTable table({{"", c.values, {}}});
+        HostTable host({{"", c.values, {}}});
         EXPECT_EQ(client->ImportDistinctValuesChunk(L"T", L"A", c.first, c.last,
-                                                    table.DistinctValues(0), c.copyMode),
+                                                    host.DistinctValues(0), c.copyMode),
                   1)
             << "case: " << c.name;
         std::vector<std::string> calls = {"Prepare"};
         for (long index = c.first; index < c.last; ++index) {
             calls.push_back((c.copyMode != 0 ? "CopyValue(" : "GetValue(") + std::to_string(index) + ")");
         }
-        EXPECT_EQ(table.log.Names(), calls) << "case: " << c.name;
-        for (const HostCall& call : table.log.Calls()) {
-            EXPECT_EQ(call.thread, std::this_thread::get_id()) << "case: " << c.name << ", " << call.what;
-        }
-        EXPECT_EQ(Bodies(service), std::vector<std::string>{c.body}) << "case: " << c.name;
+        EXPECT_EQ(host.log.Names(), calls) << "case: " << c.name;
+        EXPECT_EQ(host.log.Threads(), std::set{std::this_thread::get_id()}) << "case: " << c.name;
+        EXPECT_EQ(Received(service, &RecordedRequest::body), std::vector{c.body}) << "case: " << c.name;
     }
 }
 
 // The caller is parked while one worker thread reads the host's records, row by row across the
 // attributes, asking for the reader each time; all of it before the first request arrives. Each
-// attribute's column then goes out in row order.
+// attribute's column then goes out in row order, an empty or reversed range as an empty column.
 TEST(ValueImport, ValueIdsAreReadOnOneWorkerThreadThenSentColumnByColumn) {
-    HostTable table({{"a", {}, {10, 11, 12}}, {"b", {}, {-1, -2, -3}}, {"c", {}, {INT_MIN, 0, INT_MAX}}});
+    HostTable host({{"a", {}, {10, 11, 12}}, {"b", {}, {-1, -2, -3}}, {"c", {}, {INT_MIN, 0, INT_MAX}}});
     RecordingServer service;
-    service.SetHandler([&](const RecordedRequest& r, ConnectionContext&) {
-        table.log.Note("arrived " + r.body);
+    std::mutex mutex;
+    std::vector<std::size_t> callsBeforeArrival;
+    service.SetHandler([&](const RecordedRequest&, ConnectionContext&) {
+        std::lock_guard<std::mutex> lock(mutex);
+        callsBeforeArrival.push_back(host.log.Names().size());
         return ScriptedResponse{};
     });
     ConnectedClient client(service.BaseUrl());
-    ASSERT_EQ(client->ImportValueIdsChunk(L"T", 1, 3, table.Attributes(), 0), 1);
-    EXPECT_EQ(table.log.Names(),
+    ASSERT_EQ(client->ImportValueIdsChunk(L"T", 1, 3, host.Attributes(), 0), 1);
+    EXPECT_EQ(host.log.Names(),
               (std::vector<std::string>{
                   "GetValueIds(a)", "GetValueId(a,1)", "GetValueIds(b)", "GetValueId(b,1)",
                   "GetValueIds(c)", "GetValueId(c,1)", "GetValueIds(a)", "GetValueId(a,2)",
                   "GetValueIds(b)", "GetValueId(b,2)", "GetValueIds(c)", "GetValueId(c,2)",
-                  "GetName(a)", "arrived [11,12]", "GetName(b)", "arrived [-2,-3]", "GetName(c)",
-                  "arrived [0,2147483647]"}));
-    std::set<std::thread::id> threads;
-    for (const HostCall& call : table.log.Calls()) {
-        if (call.what.rfind("arrived", 0) != 0) {
-            threads.insert(call.thread);
-        }
+                  "GetName(a)", "GetName(b)", "GetName(c)"}));
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        EXPECT_EQ(callsBeforeArrival, (std::vector<std::size_t>{13, 14, 15}));
     }
-    EXPECT_EQ(threads.size(), 1u);
-    EXPECT_EQ(threads.count(std::this_thread::get_id()), 0u);
-
+    EXPECT_EQ(host.log.Threads().size(), 1u);
+    EXPECT_EQ(host.log.Threads().count(std::this_thread::get_id()), 0u);
+    EXPECT_EQ(Received(service, &RecordedRequest::body),
+              (std::vector<std::string>{"[11,12]", "[-2,-3]", "[0,2147483647]"}));
     for (const auto& [first, last] : {std::pair{1, 1}, std::pair{9, 2}}) {
         service.Clear();
-        ASSERT_EQ(client->ImportValueIdsChunk(L"T", first, last, table.Attributes(), 0), 1);
-        EXPECT_EQ(Bodies(service), (std::vector<std::string>{"[]", "[]", "[]"}))
+        ASSERT_EQ(client->ImportValueIdsChunk(L"T", first, last, host.Attributes(), 0), 1);
+        EXPECT_EQ(Received(service, &RecordedRequest::body), (std::vector<std::string>(3, "[]")))
             << "case: rows " << first << " to " << last;
     }
 }
@@ -124,45 +121,45 @@ TEST(ValueImport, LargeValueIdColumnsArriveByteForByte) {
         expected[k] += "]";
     }
     ASSERT_TRUE(1024u * 1024 < expected[1].size() && expected[1].size() < expected[0].size());
-    HostTable table(columns);
+    HostTable host(columns);
     RecordingServer service;
     for (const ConnectedBy by : {ConnectedBy::Plain, ConnectedBy::Proxy}) {
         ConnectedClient client(service.BaseUrl(), by);
-        ASSERT_EQ(client->ImportValueIdsChunk(L"t", 0, 300000, table.Attributes(), 0), 1);
-        EXPECT_TRUE(Bodies(by == ConnectedBy::Proxy ? client.Proxy() : service) == expected)
+        ASSERT_EQ(client->ImportValueIdsChunk(L"t", 0, 300000, host.Attributes(), 0), 1);
+        const RecordingServer& receiver = by == ConnectedBy::Proxy ? client.Proxy() : service;
+        EXPECT_TRUE(Received(receiver, &RecordedRequest::body) == expected)
             << "case: " << (by == ConnectedBy::Proxy ? "through the proxy" : "direct");
     }
 }
 
 using Drive = std::function<int(CTableRepositoryImport&, HostTable&)>;
 
-const Drive kBeginIds = [](CTableRepositoryImport& c, HostTable& t) {
-    return c.BeginImportValueIds(L"T", t.Attributes());
+const Drive kBeginIds = [](CTableRepositoryImport& c, HostTable& host) {
+    return c.BeginImportValueIds(L"T", host.Attributes());
 };
-const Drive kEndIds = [](CTableRepositoryImport& c, HostTable& t) {
-    return c.EndImportValueIds(L"T", t.Attributes());
+const Drive kEndIds = [](CTableRepositoryImport& c, HostTable& host) {
+    return c.EndImportValueIds(L"T", host.Attributes());
 };
-const Drive kIdsChunk = [](CTableRepositoryImport& c, HostTable& t) {
-    return c.ImportValueIdsChunk(L"T", 0, 2, t.Attributes(), 0);
+const Drive kIdsChunk = [](CTableRepositoryImport& c, HostTable& host) {
+    return c.ImportValueIdsChunk(L"T", 0, 2, host.Attributes(), 0);
 };
-const Drive kValues = [](CTableRepositoryImport& c, HostTable& t) {
-    return c.ImportDistinctValuesChunk(L"T", L"a", 0, 2, t.DistinctValues(0), 0) +
-           c.ImportDistinctValuesChunk(L"T", L"a", 0, 2, t.DistinctValues(0), 1);
-};
-
-struct HostFailureCase {
-    const char* name;
-    Drive drive;
-    const char* failOn;
-    bool flattened;
-    std::size_t requests; // sent before the failure
+// The same values by pointer, then copied.
+const Drive kValues = [](CTableRepositoryImport& c, HostTable& host) {
+    return c.ImportDistinctValuesChunk(L"T", L"a", 0, 2, host.DistinctValues(0), 0) +
+           c.ImportDistinctValuesChunk(L"T", L"a", 0, 2, host.DistinctValues(0), 1);
 };
 
 // The value-id chunk flattens the host's exception to a plain std::exception; every other
 // operation hands it back unchanged. Nothing is sent after it, and the distinct values' copy
 // buffer is not lost on the way (LeakSanitizer watches that).
 TEST(ValueImport, HostExceptionsPassUnchangedExceptFromTheValueIdChunk) {
-    const HostFailureCase cases[] = {
+    const struct {
+        const char* name;
+        Drive drive;
+        const char* failOn;
+        bool flattened;
+        std::size_t requests; // sent before the failure
+    } cases[] = {
         {"BeginImportValueIds", kBeginIds, "GetName(b)", false, 1},
         {"EndImportValueIds", kEndIds, "GetName(b)", false, 1},
         {"ImportValueIdsChunk, an id", kIdsChunk, "GetValueId(c,1)", true, 0},
@@ -172,11 +169,11 @@ TEST(ValueImport, HostExceptionsPassUnchangedExceptFromTheValueIdChunk) {
     };
     RecordingServer service;
     ConnectedClient client(service.BaseUrl());
-    for (const HostFailureCase& c : cases) {
+    for (const auto& c : cases) {
         service.Clear();
-        HostTable table({{"a", {"x", "y"}, {1, 2}}, {"b", {}, {1, 2}}, {"c", {}, {1, 2}}});
-        table.log.failOn = c.failOn;
-        EXPECT_EQ(ThrownBy([&] { c.drive(*client, table); }),
+        HostTable host({{"a", {"x", "y"}, {1, 2}}, {"b", {}, {1, 2}}, {"c", {}, {1, 2}}});
+        host.log.failOn = c.failOn;
+        EXPECT_EQ(ThrownBy([&] { c.drive(*client, host); }),
                   c.flattened ? ThrownBy([] { ThrowPlainException(std::runtime_error("boom")); })
                               : Expected<std::runtime_error>("boom"))
             << "case: " << c.name;
@@ -200,16 +197,13 @@ TEST(ValueImport, ListOperationsStopAtTheFirstRefusedAttribute) {
         EXPECT_EQ(drive(*client, none), 1) << "case: " << name << ", no attributes";
         service.Enqueue({200, {}, "", false, {}});
         service.Enqueue({201, {}, "", false, {}});
-        HostTable table({{"a", {}, {1, 2}}, {"b", {}, {1, 2}}, {"c", {}, {1, 2}}});
-        EXPECT_EQ(drive(*client, table), 0) << "case: " << name;
-        std::vector<std::string> paths;
-        for (const RecordedRequest& r : service.Requests()) {
-            paths.push_back(r.path);
-        }
-        EXPECT_EQ(paths, (std::vector<std::string>{"/Import/Tables/T/ValueIds/a" + suffix,
-                                                   "/Import/Tables/T/ValueIds/b" + suffix}))
+        HostTable host({{"a", {}, {1, 2}}, {"b", {}, {1, 2}}, {"c", {}, {1, 2}}});
+        EXPECT_EQ(drive(*client, host), 0) << "case: " << name;
+        EXPECT_EQ(Received(service, &RecordedRequest::path),
+                  (std::vector<std::string>{"/Import/Tables/T/ValueIds/a" + suffix,
+                                            "/Import/Tables/T/ValueIds/b" + suffix}))
             << "case: " << name;
-        const auto calls = table.log.Names();
+        const auto calls = host.log.Names();
         EXPECT_EQ(std::count(calls.begin(), calls.end(), "GetName(c)"), 0) << "case: " << name;
     }
 }
