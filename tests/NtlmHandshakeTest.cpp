@@ -49,11 +49,13 @@ const auto* const defaultCredentials = ::testing::AddGlobalTestEnvironment(new D
 // back ("status 401") or what was thrown.
 std::string Send(const std::string& baseUrl, JsonText body, const char* method = "POST") {
     const AuthenticationSettings settings;
-    web::http::client::http_client client(utility::conversions::to_string_t(baseUrl + "/Import/Tables"));
+    web::http::client::http_client client(
+        utility::conversions::to_string_t(baseUrl + "/Import/Tables"));
     web::http::http_request request(utility::conversions::to_string_t(method));
     std::ostringstream outcome;
     const auto thrown = testsupport::ThrownBy([&] {
-        outcome << "status " << ExecuteRequest(settings, client, request, std::move(body)).get().status_code();
+        outcome << "status "
+                << ExecuteRequest(settings, client, request, std::move(body)).get().status_code();
     });
     if (thrown != testsupport::kNothing) {
         outcome.str("");
@@ -114,7 +116,8 @@ TEST(NtlmHandshake, NegotiateThenAuthenticateOnOneConnectionWithTheRequestWholeO
         {"borrowed body larger than one read", clientPassword, "POST", LargeBody(), true, "NTLM ",
          "status 200"},
         // Only the length of the challenge's scheme prefix counts, never its text.
-        {"challenge scheme in lower case", clientPassword, "POST", json, false, "ntlm ", "status 200"},
+        {"challenge scheme in lower case", clientPassword, "POST", json, false, "ntlm ",
+         "status 200"},
         {"any five characters before the challenge", clientPassword, "POST", json, false, "12345",
          "status 200"},
     };
@@ -124,11 +127,13 @@ TEST(NtlmHandshake, NegotiateThenAuthenticateOnOneConnectionWithTheRequestWholeO
         service.server.SetHandler([&](const auto& request, auto& connection) {
             ScriptedResponse answer = accept(request, connection);
             for (auto& header : answer.headers) {
-                header.value.replace(0, std::min<std::size_t>(5, header.value.size()), c.challengePrefix);
+                header.value.replace(0, std::min<std::size_t>(5, header.value.size()),
+                                     c.challengePrefix);
             }
             return answer;
         });
-        const JsonText body = c.borrowed ? JsonText::Borrowing(c.body.data(), c.body.size()) : JsonText{c.body};
+        const JsonText body =
+            c.borrowed ? JsonText::Borrowing(c.body.data(), c.body.size()) : JsonText{c.body};
 
         EXPECT_EQ(Send(service.server.BaseUrl(), body, c.method), c.outcome) << "case: " << c.name;
         const auto legs = service.acceptor.Legs();
@@ -168,7 +173,7 @@ TEST(NtlmHandshake, TheNegotiateAnswerDecidesWhetherAndWhatTheFinalLegIs) {
         const char* name;
         ScriptedResponse answer;
         std::string outcome;
-        std::size_t legs;                  // how many requests reached the server
+        std::size_t legs;                 // how many requests reached the server
         std::optional<std::string> final; // Authorization of the final leg, where it is fixed
     };
     const std::string noChallenge = ThrownText<std::out_of_range>("invalid string position");
@@ -191,19 +196,27 @@ TEST(NtlmHandshake, TheNegotiateAnswerDecidesWhetherAndWhatTheFinalLegIs) {
         // SEC_E_INVALID_TOKEN, and the handshake stops.
         {"challenge of random bytes",
          answer(401, "NTLM " + lxrepo::EncodeBase64("\x13\x37\xde\xad\xbe\xef\x00\x01\x02\x03")),
-         refused, 1, {}},
+         refused,
+         1,
+         {}},
         {"AUTHENTICATE message as challenge", answer(401, NtlmMessage(3, 64)), refused, 1, {}},
         // Unicode, target type domain, no target name: this crashed gss-ntlmssp 1.2 (found by
         // fuzz_ntlm_challenge); it is refused like any defective token.
         {"CHALLENGE naming a target type without a target name",
-         answer(401, NtlmMessage(2, 32, 0x00010001)), refused, 1, {}},
+         answer(401, NtlmMessage(2, 32, 0x00010001)),
+         refused,
+         1,
+         {}},
         // A well-formed but empty CHALLENGE is "another failure" (no target information while
         // sealing is asked for): accepted as it stands, and the empty output goes out as
         // "NTLM " (the server drops the trailing blank, as HTTP lets it).
         {"empty CHALLENGE message", answer(401, NtlmMessage(2, 32)), "status 401", 2,
          std::string("NTLM")},
-        {"connection closed without answer", ScriptedResponse{200, {}, "", false, std::string()},
-         ThrownText<web::http::http_exception>("Failed to read HTTP status line"), 1, {}},
+        {"connection closed without answer",
+         ScriptedResponse{200, {}, "", false, std::string()},
+         ThrownText<web::http::http_exception>("Failed to read HTTP status line"),
+         1,
+         {}},
     };
     for (const Case& c : cases) {
         RecordingServer server{serviceHost};
@@ -213,7 +226,8 @@ TEST(NtlmHandshake, TheNegotiateAnswerDecidesWhetherAndWhatTheFinalLegIs) {
         EXPECT_EQ(Send(server.BaseUrl(), JsonText{"{}"}), c.outcome) << "case: " << c.name;
         const auto legs = server.Requests();
         ASSERT_EQ(legs.size(), c.legs) << "case: " << c.name;
-        EXPECT_EQ(legs[0].HeaderValue("Authorization").value_or("").rfind("NTLM TlRMTVNTUAAB", 0), 0u)
+        EXPECT_EQ(legs[0].HeaderValue("Authorization").value_or("").rfind("NTLM TlRMTVNTUAAB", 0),
+                  0u)
             << "case: " << c.name;
         if (c.final) {
             EXPECT_EQ(legs.back().HeaderValue("Authorization"), c.final) << "case: " << c.name;

@@ -15,17 +15,18 @@ using web::json::value;
 TEST(RequestPipeline, SendsByTheWayTheSettingsChoose) {
     struct Case {
         const char* name;
-        const wchar_t* token;     // non-empty: the bearer way, whatever else is set
-        int proxyAuthentication;  // -1: no proxy configured
-        std::string proxyBase;    // below the proxy server's address
+        const wchar_t* token;    // non-empty: the bearer way, whatever else is set
+        int proxyAuthentication; // -1: no proxy configured
+        std::string proxyBase;   // below the proxy server's address
         const wchar_t* proxyPath;
-        std::string endpoint;     // "{service}" stands for the service's address
-        const char* requestUri;   // relative to the endpoint, "" for none
+        std::string endpoint;   // "{service}" stands for the service's address
+        const char* requestUri; // relative to the endpoint, "" for none
         value body;
         bool atProxy;
         std::string path, query, authorization, contentType, sent;
     };
-    const std::string proxyQuery = "lxclient=Z%C3%B6e%20%26%20co&lxserver=http://repo.example:8080&lxauth=";
+    const std::string proxyQuery =
+        "lxclient=Z%C3%B6e%20%26%20co&lxserver=http://repo.example:8080&lxauth=";
     const std::string json = "application/json";
     const Case cases[] = {
         {"bearer: number 0 means no body", L"tok-123", -1, "", L"", "{service}/Import/Tables/x", "",
@@ -64,20 +65,23 @@ TEST(RequestPipeline, SendsByTheWayTheSettingsChoose) {
         AuthenticationSettings settings;
         settings.accessToken = c.token;
         if (c.proxyAuthentication >= 0) {
-            settings.proxyConfiguration.proxyBaseUri = CString((proxy.BaseUrl() + c.proxyBase).c_str());
+            settings.proxyConfiguration.proxyBaseUri =
+                CString((proxy.BaseUrl() + c.proxyBase).c_str());
             settings.proxyConfiguration.proxyPath = c.proxyPath;
             settings.proxyConfiguration.clientName = L"Z\u00f6e & co";
             settings.proxyConfiguration.serverName = L"http://repo.example:8080";
             settings.proxyConfiguration.authenticationType = c.proxyAuthentication;
         }
         std::string endpoint = c.endpoint;
-        for (const auto& [marker, text] : {std::pair<std::string, std::string>{"{service}", service.BaseUrl()},
-                                           {"{port}", std::to_string(service.Port())}}) {
+        for (const auto& [marker, text] :
+             {std::pair<std::string, std::string>{"{service}", service.BaseUrl()},
+              {"{port}", std::to_string(service.Port())}}) {
             if (endpoint.find(marker) != std::string::npos) {
                 endpoint.replace(endpoint.find(marker), marker.size(), text);
             }
         }
-        web::http::client::http_client client{web::uri(utility::conversions::to_string_t(endpoint))};
+        web::http::client::http_client client{
+            web::uri(utility::conversions::to_string_t(endpoint))};
         web::http::http_request request(web::http::methods::POST);
         if (*c.requestUri != '\0') {
             request.set_request_uri(utility::conversions::to_string_t(c.requestUri));
@@ -95,9 +99,12 @@ TEST(RequestPipeline, SendsByTheWayTheSettingsChoose) {
         EXPECT_EQ(r.method, "POST") << "case: " << c.name;
         EXPECT_EQ(r.path, c.path) << "case: " << c.name;
         EXPECT_EQ(r.query, c.query) << "case: " << c.name;
-        EXPECT_EQ(r.HeaderCount("Authorization"), c.authorization.empty() ? 0u : 1u) << "case: " << c.name;
-        EXPECT_EQ(r.HeaderValue("Authorization").value_or(""), c.authorization) << "case: " << c.name;
-        EXPECT_EQ(r.HeaderCount("Content-Type"), c.contentType.empty() ? 0u : 1u) << "case: " << c.name;
+        EXPECT_EQ(r.HeaderCount("Authorization"), c.authorization.empty() ? 0u : 1u)
+            << "case: " << c.name;
+        EXPECT_EQ(r.HeaderValue("Authorization").value_or(""), c.authorization)
+            << "case: " << c.name;
+        EXPECT_EQ(r.HeaderCount("Content-Type"), c.contentType.empty() ? 0u : 1u)
+            << "case: " << c.name;
         EXPECT_EQ(r.HeaderValue("Content-Type").value_or(""), c.contentType) << "case: " << c.name;
         EXPECT_EQ(r.body, c.sent) << "case: " << c.name;
     }

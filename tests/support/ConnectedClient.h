@@ -29,11 +29,14 @@ public:
     ConnectedClient(const std::string& serviceUrl, ConnectedBy by = ConnectedBy::Plain)
         : m_client(static_cast<CTableRepositoryImport*>(new_TableRepositoryImport())) {
         const std::string version = by == ConnectedBy::Proxy ? "1.0.0-lxproxy-2.1" : "1.0.0";
-        m_proxy.Enqueue({200, {}, "", false, {}});  // registration
-        m_proxy.Enqueue({200, {{"Content-Type", "application/json"}},
-                         "{\"version\":\"" + version + "\"}", false, {}});
+        m_proxy.Enqueue({200, {}, "", false, {}}); // registration
+        m_proxy.Enqueue({200,
+                         {{"Content-Type", "application/json"}},
+                         "{\"version\":\"" + version + "\"}",
+                         false,
+                         {}});
         if (by == ConnectedBy::Proxy) {
-            m_proxy.Enqueue({200, {}, "", false, {}});  // connect
+            m_proxy.Enqueue({200, {}, "", false, {}}); // connect
         }
         CAuthenticationProxyConfiguration config;
         config.proxyBaseUri = Wide(m_proxy.BaseUrl());

@@ -20,7 +20,11 @@ RecordingServer::Handler NtlmAcceptor::Handler() {
 
         ScriptedResponse response{200, {}, "authenticated", false, {}};
         if (outcome.challenge) {
-            response = {static_cast<int>(outcome.challenge->result_int()), {}, outcome.challenge->body(), false, {}};
+            response = {static_cast<int>(outcome.challenge->result_int()),
+                        {},
+                        outcome.challenge->body(),
+                        false,
+                        {}};
             for (const auto& field : *outcome.challenge) {
                 if (field.name() == lxrepo::http::field::www_authenticate) {
                     response.headers.push_back({"WWW-Authenticate", std::string(field.value())});

@@ -44,8 +44,9 @@ OidcProvider::OidcProvider()
     : node_(std::make_unique<ChildProcess>(NodeCommand())), port_(node_->Port()) {}
 
 int OidcProvider::ConnectStatus(const std::string& accessToken) const {
-    return static_cast<int>(HttpGet(BaseUrl() + "/Import/Connect", "Authorization", "Bearer " + accessToken)
-        .result_int());
+    return static_cast<int>(
+        HttpGet(BaseUrl() + "/Import/Connect", "Authorization", "Bearer " + accessToken)
+            .result_int());
 }
 
 TestBrowser::TestBrowser(std::string decision) { cookies_["test_decision"] = std::move(decision); }
@@ -75,8 +76,9 @@ BrowserPage TestBrowser::Get(const std::string& url) {
         const std::string origin = url.substr(0, url.find('/', 7));
         const std::string path = lxrepo::SplitTarget(TargetOf(url)).path;
         page.location = location.rfind("http://", 0) == 0 ? location
-                        : location[0] == '/' ? origin + location
-                                             : origin + path.substr(0, path.rfind('/') + 1) + location;
+                        : location[0] == '/'
+                            ? origin + location
+                            : origin + path.substr(0, path.rfind('/') + 1) + location;
     }
     return page;
 }
