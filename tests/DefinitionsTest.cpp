@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "client/PlainException.h"
-#include "client/TextConversion.h"
 #include "definitions/AttributeDefinitionsJson.h"
 #include "support/ConnectedClient.h"
 #include "support/HostRecords.h"
@@ -18,10 +17,6 @@
 using namespace testsupport;
 
 namespace {
-
-std::string Utf8(const CString& text) {
-    return ToUtf8(text.GetString(), static_cast<std::size_t>(text.GetLength()));
-}
 
 // The host can catch a failure of these two operations only as std::exception.
 Thrown Flattened(const std::string& message) {
@@ -63,36 +58,6 @@ TEST_F(Definitions, CreateTableSendsTheFiveMembers) {
         service.Clear();
         client->CreateTable(c.tableName, c.tableClass, c.description, c.overwrite, c.recordCount);
         EXPECT_EQ(Received(), c.body) << "case: " << c.name;
-    }
-}
-
-struct TableAnswerCase {
-    const char* name;
-    std::string contentType, body;
-    std::string seen; // status and table id
-    Thrown thrown;
-};
-
-TEST_F(Definitions, CreateTableTakesTheTableIdFromA201) {
-    const TableAnswerCase cases[] = {
-        {"non-ASCII id", "application/json; charset=utf-8",
-         "{\"tableID\":\"Z\xc3\xbcrich \xf0\x9f\x98\x80\",\"x\":1}", "201 Z\xc3\xbcrich \xf0\x9f\x98\x80",
-         kNothing},
-        {"empty id", "application/json", R"({"tableID":""})", "201 ", kNothing},
-        {"no id", "application/json", R"({"tableId":"t"})", "", Flattened("Key not found")},
-        {"not declared as JSON", "text/plain", R"({"tableID":"t"})", "",
-         Flattened("Incorrect Content-Type: must be textual to extract_string, JSON to extract_json.")},
-    };
-    for (const TableAnswerCase& c : cases) {
-        service.Enqueue({201, {{"Content-Type", c.contentType}}, c.body, false, {}});
-        std::string seen;
-        EXPECT_EQ(ThrownBy([&] {
-                      const auto [status, id] = client->CreateTable(L"T", L"c", L"d", 0, 1);
-                      seen = std::to_string(status) + " " + Utf8(id);
-                  }),
-                  c.thrown)
-            << "case: " << c.name;
-        EXPECT_EQ(seen, c.seen) << "case: " << c.name;
     }
 }
 
