@@ -198,26 +198,15 @@ TEST(IdentityLogin, EndsAsTheBrowserDecides) {
         if (browser.url.empty()) {
             continue;
         }
-        // The authorization request: PKCE, and a state and challenge of its own every time.
+        // The provider holds the authorization request to its rules (client, redirect address,
+        // S256 challenge of the verifier); a state and challenge of its own every time remain.
         const auto query = QueryFields(browser.url);
         const std::string challenge = query.at("code_challenge");
-        const std::string redirect = query.at("redirect_uri");
-        EXPECT_EQ(browser.url.substr(0, browser.url.find('?')) + " " + query.at("response_type") +
-                      " " + query.at("client_id") + " " + query.at("scope") + " " +
-                      query.at("code_challenge_method") + " " + redirect.substr(0, 17) +
-                      redirect.substr(redirect.rfind('/')),
-                  identity + "/auth code lxdesktop openid S256 http://127.0.0.1:/callback")
-            << "case: " << c.name;
-        EXPECT_EQ(challenge.size(), 43u) << "case: " << c.name;
-        EXPECT_EQ(challenge.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
-                                              "0123456789-_"),
-                  std::string::npos)
-            << "case: " << c.name;
         EXPECT_GE(query.at("state").size(), 22u) << "case: " << c.name;
         EXPECT_NE(query.at("state"), previous["state"]) << "case: " << c.name;
         EXPECT_NE(challenge, previous["code_challenge"]) << "case: " << c.name;
         previous = query;
-        ExpectPortFree(static_cast<unsigned short>(std::stoi(redirect.substr(17))));
+        ExpectPortFree(static_cast<unsigned short>(std::stoi(query.at("redirect_uri").substr(17))));
     }
 }
 

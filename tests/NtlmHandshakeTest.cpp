@@ -12,12 +12,12 @@
 #include <cpprest/http_client.h>
 
 #include <fstream>
-#include <sstream>
 
 #include <unistd.h>
 
 namespace {
 
+using testsupport::Expected;
 using testsupport::NtlmAcceptor;
 using testsupport::RecordingServer;
 using testsupport::ScriptedResponse;
@@ -37,13 +37,8 @@ std::string WriteUserFile(const std::string& name, const std::string& password) 
 
 // The current user's default NTLM credentials come from gss-ntlmssp's user file, named by its
 // environment variable; it must be set before the first GSSAPI call of the process.
-class DefaultCredentials : public ::testing::Environment {
-public:
-    void SetUp() override {
-        setenv("NTLM_USER_FILE", WriteUserFile("ntlm-client.users", clientPassword).c_str(), 1);
-    }
-};
-const auto* const defaultCredentials = ::testing::AddGlobalTestEnvironment(new DefaultCredentials);
+const int defaultCredentials =
+    setenv("NTLM_USER_FILE", WriteUserFile("ntlm-client.users", clientPassword).c_str(), 1);
 
 // Sent as every operation sends: through the pipeline, with neither token nor proxy. What came
 // back ("status 401") or what was thrown.
@@ -52,22 +47,12 @@ std::string Send(const std::string& baseUrl, JsonText body, const char* method =
     web::http::client::http_client client(
         utility::conversions::to_string_t(baseUrl + "/Import/Tables"));
     web::http::http_request request(utility::conversions::to_string_t(method));
-    std::ostringstream outcome;
+    std::string outcome;
     const auto thrown = testsupport::ThrownBy([&] {
-        outcome << "status "
-                << ExecuteRequest(settings, client, request, std::move(body)).get().status_code();
+        const auto response = ExecuteRequest(settings, client, request, std::move(body)).get();
+        outcome = "status " + std::to_string(response.status_code());
     });
-    if (thrown != testsupport::kNothing) {
-        outcome.str("");
-        outcome << thrown;
-    }
-    return outcome.str();
-}
-
-template <class Exception> std::string ThrownText(const std::string& message) {
-    std::ostringstream text;
-    text << testsupport::Expected<Exception>(message);
-    return text.str();
+    return thrown == testsupport::kNothing ? outcome : ::testing::PrintToString(thrown);
 }
 
 // The acceptor behind a server on the service address; the acceptor outlives the server.
@@ -176,7 +161,8 @@ TEST(NtlmHandshake, TheNegotiateAnswerDecidesWhetherAndWhatTheFinalLegIs) {
         std::size_t legs;                 // how many requests reached the server
         std::optional<std::string> final; // Authorization of the final leg, where it is fixed
     };
-    const std::string noChallenge = ThrownText<std::out_of_range>("invalid string position");
+    const std::string noChallenge =
+        ::testing::PrintToString(Expected<std::out_of_range>("invalid string position"));
     const std::string refused = "CResourceException \"\"";
     const auto answer = [](int status, std::optional<std::string> challenge) {
         ScriptedResponse response{status, {}, "negotiate answer", false, std::nullopt};
@@ -214,7 +200,8 @@ TEST(NtlmHandshake, TheNegotiateAnswerDecidesWhetherAndWhatTheFinalLegIs) {
          std::string("NTLM")},
         {"connection closed without answer",
          ScriptedResponse{200, {}, "", false, std::string()},
-         ThrownText<web::http::http_exception>("Failed to read HTTP status line"),
+         ::testing::PrintToString(
+             Expected<web::http::http_exception>("Failed to read HTTP status line")),
          1,
          {}},
     };

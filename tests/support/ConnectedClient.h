@@ -28,28 +28,21 @@ class ConnectedClient {
 public:
     ConnectedClient(const std::string& serviceUrl, ConnectedBy by = ConnectedBy::Plain)
         : m_client(static_cast<CTableRepositoryImport*>(new_TableRepositoryImport())) {
+        CAuthenticationProxyConfiguration config;
+        config.proxyBaseUri = Wide(m_proxy.BaseUrl());
+        config.registrationPath = L"/register";
+        config.proxyPath = L"/forward";
+        config.connectPath = L"/connect";
+        config.clientName = L"test-client";
+        m_client->RegisterWithAuthenticationProxy(config);
         const std::string version = by == ConnectedBy::Proxy ? "1.0.0-lxproxy-2.1" : "1.0.0";
-        m_proxy.Enqueue({200, {}, "", false, {}}); // registration
         m_proxy.Enqueue({200,
                          {{"Content-Type", "application/json"}},
                          "{\"version\":\"" + version + "\"}",
                          false,
                          {}});
-        if (by == ConnectedBy::Proxy) {
-            m_proxy.Enqueue({200, {}, "", false, {}}); // connect
-        }
-        CAuthenticationProxyConfiguration config;
-        config.proxyBaseUri = Wide(m_proxy.BaseUrl());
-        config.registrationPath = L"/register";
-        config.unregistrationPath = L"/unregister";
-        config.proxyPath = L"/forward";
-        config.connectPath = L"/connect";
-        config.clientName = L"test-client";
-        config.authenticationType = 0;
-        m_client->RegisterWithAuthenticationProxy(config);
         const TestConnectionResult result = m_client->TestConnection(Wide(serviceUrl));
-        const int expected = by == ConnectedBy::Proxy ? Connected : VersionNotSupported;
-        if (result.status != expected) {
+        if (result.status != (by == ConnectedBy::Proxy ? Connected : VersionNotSupported)) {
             throw std::runtime_error("connection test ended with status " +
                                      std::to_string(result.status));
         }
