@@ -52,18 +52,13 @@ std::string Reference(const std::wstring& text) {
 // Both ways in, by length and up to the NUL, must give the same; the latter only applies to text
 // without a NUL of its own.
 std::string Written(const std::wstring& text) {
-    const auto write = [&](bool toNul) {
-        return Outcome([&] {
-            std::string out;
-            toNul ? AppendJsonString(out, text.c_str()) : AppendJsonString(out, text.data(), text.size());
-            return out;
-        });
-    };
-    const std::string byLength = write(false);
-    if (text.find(L'\0') != std::wstring::npos || write(true) == byLength) {
-        return byLength;
+    std::string byLength, toNul;
+    const std::string written = Outcome([&] { return AppendJsonString(byLength, text.data(), text.size()), byLength; });
+    const bool hasNul = text.find(L'\0') != std::wstring::npos;
+    if (!hasNul && Outcome([&] { return AppendJsonString(toNul, text.c_str()), toNul; }) != written) {
+        return "up to the NUL: " + toNul;
     }
-    return "up to the NUL: " + write(true);
+    return written;
 }
 
 // Code units chosen to hit every escape and every UTF-8 length, surrogates paired and alone, and

@@ -17,49 +17,37 @@
 
 namespace testsupport {
 
-struct HostCall {
-    // "Prepare", "GetValue(3)", "CopyValue(3)", "GetName(a)", "GetValueIds(a)", "GetValueId(a,3)"
-    std::string what;
-    std::thread::id thread;
-};
-
-// Every host call of a test, in order. The library may call the readers on a worker thread.
+// Every host call of a test, in order, and the threads they came on. The library may call the
+// readers on a worker thread.
 class HostLog {
 public:
     // Notes the call; throws std::runtime_error("boom") if it is the one named by failOn.
     void Note(const std::string& what) {
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            m_calls.push_back({what, std::this_thread::get_id()});
+            m_names.push_back(what);
+            m_threads.insert(std::this_thread::get_id());
         }
         if (what == failOn) {
             throw std::runtime_error("boom");
         }
     }
-    std::vector<HostCall> Calls() const {
+    // "Prepare", "GetValue(3)", "CopyValue(3)", "GetName(a)", "GetValueIds(a)", "GetValueId(a,3)"
+    std::vector<std::string> Names() const {
         std::lock_guard<std::mutex> lock(m_mutex);
-        return m_calls;
+        return m_names;
     }
     std::set<std::thread::id> Threads() const {
-        std::set<std::thread::id> threads;
-        for (const HostCall& call : Calls()) {
-            threads.insert(call.thread);
-        }
-        return threads;
-    }
-    std::vector<std::string> Names() const {
-        std::vector<std::string> names;
-        for (const HostCall& call : Calls()) {
-            names.push_back(call.what);
-        }
-        return names;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_threads;
     }
 
     std::string failOn;
 
 private:
     mutable std::mutex m_mutex;
-    std::vector<HostCall> m_calls;
+    std::vector<std::string> m_names;
+    std::set<std::thread::id> m_threads;
 };
 
 // One column of the host's table: distinct values by index, value ids by row, both from 0.
@@ -121,7 +109,7 @@ private:
             log.Note("GetValueId(" + column.name + "," + std::to_string(row) + ")");
             return column.ids.at(static_cast<std::size_t>(row));
         }
-        
+
         HostLog& log;
         Column column;
         std::vector<std::wstring> values;

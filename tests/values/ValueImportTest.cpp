@@ -132,21 +132,16 @@ TEST(ValueImport, LargeValueIdColumnsArriveByteForByte) {
     }
 }
 
-using Drive = std::function<int(CTableRepositoryImport&, HostTable&)>;
+using Client = CTableRepositoryImport;
+using Drive = std::function<int(Client&, HostTable&)>;
 
-const Drive kBeginIds = [](CTableRepositoryImport& c, HostTable& host) {
-    return c.BeginImportValueIds(L"T", host.Attributes());
-};
-const Drive kEndIds = [](CTableRepositoryImport& c, HostTable& host) {
-    return c.EndImportValueIds(L"T", host.Attributes());
-};
-const Drive kIdsChunk = [](CTableRepositoryImport& c, HostTable& host) {
-    return c.ImportValueIdsChunk(L"T", 0, 2, host.Attributes(), 0);
-};
+const Drive kBeginIds = [](Client& c, HostTable& h) { return c.BeginImportValueIds(L"T", h.Attributes()); };
+const Drive kEndIds = [](Client& c, HostTable& h) { return c.EndImportValueIds(L"T", h.Attributes()); };
+const Drive kIdsChunk = [](Client& c, HostTable& h) { return c.ImportValueIdsChunk(L"T", 0, 2, h.Attributes(), 0); };
 // The same values by pointer, then copied.
-const Drive kValues = [](CTableRepositoryImport& c, HostTable& host) {
-    return c.ImportDistinctValuesChunk(L"T", L"a", 0, 2, host.DistinctValues(0), 0) +
-           c.ImportDistinctValuesChunk(L"T", L"a", 0, 2, host.DistinctValues(0), 1);
+const Drive kValues = [](Client& c, HostTable& h) {
+    return c.ImportDistinctValuesChunk(L"T", L"a", 0, 2, h.DistinctValues(0), 0) +
+           c.ImportDistinctValuesChunk(L"T", L"a", 0, 2, h.DistinctValues(0), 1);
 };
 
 // A walk over the host's list stops at the first attribute the service refuses, or at the host's
