@@ -195,6 +195,8 @@ TEST(IdentityLogin, EndsAsTheBrowserDecides) {
         EXPECT_TRUE(c.resultType != 2 || took >= std::chrono::milliseconds(limitMs))
             << "case: " << c.name;
         EXPECT_EQ(pages, c.pages) << "case: " << c.name;
+        // Without an identity server's document no browser opens.
+        EXPECT_EQ(browser.url.empty(), !c.identity.empty()) << "case: " << c.name;
         if (browser.url.empty()) {
             continue;
         }
