@@ -1,459 +1,353 @@
-// Every operation against every way a server can answer badly that applies to it: the outcome
-// the host sees is pinned per row (a result, or the exact exception type and message), and each
-// case must leave no thread behind. Leaks and crashes are caught by the sanitizer builds, where
-// each case runs as a process of its own.
+// How a server's bad answers reach the host. An outcome depends on the code path an operation
+// takes, so each path meets each kind of bad answer once, and every operation meets those where
+// operations differ (flattening, reading the body). Each case pins the exact outcome, that the one
+// request arrived, that every connection ended and that no thread is left behind. The server is
+// the recording server on lxrepo-server's HTTP core: it reads each request in full; a broken
+// answer goes out as raw bytes on the connection, which then ends.
 // GoogleTest comes first: cpprestsdk's function-like macro U() breaks its templates.
 #include <gtest/gtest.h>
 
+#include "client/PlainException.h"
 #include "client/TextConversion.h"
 #include "support/ConnectedClient.h"
-#include "support/FaultServer.h"
-#include "values/HostRecords.h"
+#include "support/HostRecords.h"
+#include "support/Process.h"
+#include "support/Thrown.h"
 
+#include <boost/asio/write.hpp>
 #include <cpprest/http_client.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
+#include <future>
+#include <regex>
+#include <set>
+#include <sstream>
 
 #include <unistd.h>
 
 namespace {
 
-using testsupport::ConnectedClient;
-using testsupport::Fault;
-using testsupport::FaultAnswer;
-using testsupport::FaultServer;
-using testsupport::RecordingServer;
+using namespace std::chrono_literals;
+using namespace testsupport;
+using web::http::http_exception;
+using web::json::json_exception;
+using Client = CTableRepositoryImport;
 
-// The handshake runs only for a service that is not on this machine by name; 127.0.0.2 stands
-// in for one. Its default credentials come from gss-ntlmssp's user file, named before the first
-// GSSAPI call of the process, one file per process since cases run in parallel.
-class NtlmCredentials : public ::testing::Environment {
-public:
-    void SetUp() override {
-        const std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-fault.users";
-        std::ofstream(path) << "TESTDOM:alice:Correct-Horse-1\n";
-        setenv("NTLM_USER_FILE", path.c_str(), 1);
-    }
-};
-const auto* const ntlmCredentials = ::testing::AddGlobalTestEnvironment(new NtlmCredentials);
+// The code paths an outcome depends on; the first two never authenticate.
+enum class Path { ProxyCall, Connection, JsonValue, JsonText, ValueIdTask, CreateTable };
 
-// When a connection breaks inside a response body, cpprestsdk closes that response's streams
-// through continuations it queues on its pool, after the operation has already returned. A
-// process that exits before the pool has run them leaves the chain behind, and LeakSanitizer
-// reports it (about one case in a hundred here). Before exiting, a few rounds through the pool
-// let them run; a leak of the library's own stays a leak.
-class LetQueuedClosesRun : public ::testing::Environment {
-public:
-    void TearDown() override {
-        for (int round = 0; round < 5; ++round) {
-            pplx::create_task([] {}).wait();
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-    }
-};
-const auto* const queuedCloses = ::testing::AddGlobalTestEnvironment(new LetQueuedClosesRun);
+ScriptedResponse Json(int status, std::string body) {
+    return {status, {{"Content-Type", "application/json"}}, std::move(body), false, {}};
+}
 
-// ---- The operations -------------------------------------------------------------------------
-
-// Where an operation's one request goes.
-enum class Target { Proxy, Service };
+// Runs the operation against the server at url; arm() turns its good answers into the bad one.
+using Run = std::function<std::string(const std::string& url, const std::function<void()>& arm)>;
 
 struct Operation {
     const char* name;
-    Target target;
-    // CreateTable, CreateAttributeDefinitions and ImportValueIdsChunk hand every standard
-    // exception to the host as a plain std::exception; the others let it through unchanged.
-    bool flattens;
-    // Whether the operation reads the answer's body (and so waits for all of it).
-    bool readsBody;
-    FaultAnswer accepted; // the answer the operation takes as success
-    std::string success;  // what the host sees for it
-    // Runs the operation against the server at url; returns what the host sees.
-    std::function<std::string(const std::string& url)> run;
+    Path path;
+    bool flattens; // hands every standard exception to the host as the library's plain one
+    Run run;
+    std::string success = "1"; // what the host sees for the good answer
+    ScriptedResponse good = Json(200, "{}");
 };
 
-FaultAnswer Json(int status, std::string body) {
-    return {status, {{"Content-Type", "application/json"}}, std::move(body)};
+bool ReadsBody(const Operation& op) {
+    return op.path == Path::Connection || op.path == Path::CreateTable;
 }
 
-CAuthenticationProxyConfiguration ProxyAt(const std::string& url) {
+// A new client registered with the proxy at url (or unregistered from it).
+std::unique_ptr<Client> ProxyClient(const std::string& url, bool registered) {
+    std::unique_ptr<Client> client(static_cast<Client*>(new_TableRepositoryImport()));
     CAuthenticationProxyConfiguration config;
-    config.proxyBaseUri = testsupport::Wide(url);
-    config.registrationPath = L"/register";
-    config.unregistrationPath = L"/unregister";
-    config.proxyPath = L"/forward";
-    config.connectPath = L"/connect";
-    config.clientName = L"fault-client";
-    return config;
+    config.proxyBaseUri = Wide(url);
+    registered ? client->RegisterWithAuthenticationProxy(config)
+               : void(client->UnregisterFromAuthenticationProxy(config));
+    return client;
 }
 
-std::unique_ptr<CTableRepositoryImport> NewClient() {
-    return std::unique_ptr<CTableRepositoryImport>(
-        static_cast<CTableRepositoryImport*>(new_TableRepositoryImport()));
-}
+std::string Text(int result) { return std::to_string(result); }
+std::string Text(const CString& text) { return ToUtf8(text.GetString(), text.GetLength()); }
+std::string Text(std::string text) { return text; }
 
-std::string Utf8(const CString& text) {
-    return ToUtf8(text.GetString(), static_cast<std::size_t>(text.GetLength()));
-}
-
-// A service operation on a client connected to the service at url the way a host does.
-template <class Call> std::function<std::string(const std::string&)> OnService(Call call) {
-    return [call](const std::string& url) {
+// A service operation on a client connected the way a host connects it, with one column.
+template <class Call> Run OnService(Call call) {
+    return [call](const std::string& url, auto&) {
         ConnectedClient client(url);
-        valuestest::EventClock clock;
-        valuestest::HostLog log(clock);
-        return std::to_string(call(*client, log));
+        HostTable table{{"a", {"x", "y"}, {7, 8}}};
+        return Text(call(*client, table));
     };
 }
 
 const std::vector<Operation>& Operations() {
-    using valuestest::Attributes;
-    using valuestest::FakeDistinctValues;
-    using valuestest::HostLog;
     static const std::vector<Operation> operations = {
-        {"RegisterWithAuthenticationProxy", Target::Proxy, false, false, Json(200, "{}"),
-         "returned",
-         [](const std::string& url) {
-             NewClient()->RegisterWithAuthenticationProxy(ProxyAt(url));
-             return std::string("returned");
-         }},
-        {"UnregisterFromAuthenticationProxy", Target::Proxy, false, false, Json(200, "{}"),
-         "returned",
-         [](const std::string& url) {
-             NewClient()->UnregisterFromAuthenticationProxy(ProxyAt(url));
-             return std::string("returned");
-         }},
-        // The registration before it is answered well; the fault hits the version question.
-        {"TestConnection", Target::Proxy, false, true, Json(200, R"({"version":"1.0.0"})"),
-         "status 3 version 1.0.0",
-         [](const std::string& url) {
-             const auto client = NewClient();
-             client->RegisterWithAuthenticationProxy(ProxyAt(url));
-             const TestConnectionResult result = client->TestConnection(L"http://repo.test:1");
-             return "status " + std::to_string(result.status) + " version " + Utf8(result.version);
-         }},
-        {"IsAuthorized", Target::Service, false, false, Json(200, "{}"), "1",
-         OnService([](CTableRepositoryImport& c, HostLog&) { return c.IsAuthorized(L"sales"); })},
-        {"CreateTable", Target::Service, true, true, Json(201, R"({"tableID":"T1"})"), "201 T1",
-         [](const std::string& url) {
-             ConnectedClient client(url);
-             const auto [status, id] = client->CreateTable(L"Sales", L"sales", L"", 0, 1);
-             return std::to_string(status) + " " + Utf8(id);
-         }},
-        {"CreateAttributeDefinitions", Target::Service, true, false, Json(200, "{}"), "1",
-         OnService([](CTableRepositoryImport& c, HostLog&) {
-             CList<DesktopAttributeDTO*> none;
-             return c.CreateAttributeDefinitions(L"T1", &none);
+        {"RegisterWithAuthenticationProxy", Path::ProxyCall, false,
+         [](auto& url, auto&) { return ProxyClient(url, true), "returned"; }, "returned"},
+        {"UnregisterFromAuthenticationProxy", Path::ProxyCall, false,
+         [](auto& url, auto&) { return ProxyClient(url, false), "returned"; }, "returned"},
+        // The registration is answered well; the bad answer is the version question's.
+        {"TestConnection", Path::Connection, false,
+         [](auto& url, auto& arm) {
+             const auto client = ProxyClient(url, true);
+             arm();
+             const TestConnectionResult r = client->TestConnection(L"http://repo.test:1");
+             return "status " + Text(r.status) + " version " + Text(r.version);
+         },
+         "status 3 version 1.0.0", Json(200, R"({"version":"1.0.0"})")},
+        {"IsAuthorized", Path::JsonValue, false,
+         OnService([](auto& c, auto&) { return c.IsAuthorized(L"sales"); })},
+        {"BeginDistinctValues", Path::JsonValue, false,
+         OnService([](auto& c, auto&) { return c.BeginDistinctValues(L"T1", L"a"); })},
+        {"EndDistinctValues", Path::JsonValue, false,
+         OnService([](auto& c, auto&) { return c.EndDistinctValues(L"T1", L"a"); })},
+        {"BeginImportValueIds", Path::JsonValue, false,
+         OnService([](auto& c, auto& t) { return c.BeginImportValueIds(L"T1", t.Attributes()); })},
+        {"EndImportValueIds", Path::JsonValue, false,
+         OnService([](auto& c, auto& t) { return c.EndImportValueIds(L"T1", t.Attributes()); })},
+        {"EndImport", Path::JsonValue, false,
+         OnService([](auto& c, auto&) { return c.EndImport(L"T1"); })},
+        {"ImportDistinctValuesChunk", Path::JsonText, false, OnService([](auto& c, auto& t) {
+             return c.ImportDistinctValuesChunk(L"T1", L"a", 0, 2, t.DistinctValues(0), 0);
          })},
-        {"BeginDistinctValues", Target::Service, false, false, Json(200, "{}"), "1",
-         OnService([](CTableRepositoryImport& c, HostLog&) {
-             return c.BeginDistinctValues(L"T1", L"a");
+        {"CreateAttributeDefinitions", Path::JsonText, true, OnService([](auto& c, auto&) {
+             return c.CreateAttributeDefinitions(L"T1", HostDefinitions().List());
          })},
-        {"EndDistinctValues", Target::Service, false, false, Json(200, "{}"), "1",
-         OnService(
-             [](CTableRepositoryImport& c, HostLog&) { return c.EndDistinctValues(L"T1", L"a"); })},
-        {"ImportDistinctValuesChunk", Target::Service, false, false, Json(200, "{}"), "1",
-         OnService([](CTableRepositoryImport& c, HostLog& log) {
-             FakeDistinctValues values(log, {{0, "x"}, {1, "y"}});
-             return c.ImportDistinctValuesChunk(L"T1", L"a", 0, 2, &values, 0);
+        {"ImportValueIdsChunk", Path::ValueIdTask, true, OnService([](auto& c, auto& t) {
+             return c.ImportValueIdsChunk(L"T1", 0, 2, t.Attributes(), 0);
          })},
-        {"BeginImportValueIds", Target::Service, false, false, Json(200, "{}"), "1",
-         OnService([](CTableRepositoryImport& c, HostLog& log) {
-             Attributes attributes(log, {"a"});
-             return c.BeginImportValueIds(L"T1", attributes.List());
-         })},
-        {"EndImportValueIds", Target::Service, false, false, Json(200, "{}"), "1",
-         OnService([](CTableRepositoryImport& c, HostLog& log) {
-             Attributes attributes(log, {"a"});
-             return c.EndImportValueIds(L"T1", attributes.List());
-         })},
-        {"ImportValueIdsChunk", Target::Service, true, false, Json(200, "{}"), "1",
-         OnService([](CTableRepositoryImport& c, HostLog& log) {
-             Attributes attributes(log, {"a"});
-             return c.ImportValueIdsChunk(L"T1", 0, 2, attributes.List(), 0);
-         })},
-        {"EndImport", Target::Service, false, false, Json(200, "{}"), "1",
-         OnService([](CTableRepositoryImport& c, HostLog&) { return c.EndImport(L"T1"); })},
+        {"CreateTable", Path::CreateTable, true, OnService([](auto& c, auto&) {
+             const auto [status, id] = c.CreateTable(L"Sales", L"sales", L"", 0, 1);
+             return Text(status) + " " + Text(id);
+         }),
+         "201 T1", Json(201, R"({"tableID":"T1"})")},
     };
     return operations;
 }
 
-// ---- The faults -----------------------------------------------------------------------------
+// An answer's head as raw bytes, written by hand: Beast refuses header values over 64 KiB.
+std::string Head(const ScriptedResponse& answer, std::size_t contentLength) {
+    std::string head = "HTTP/1.1 " + std::to_string(answer.status) + " Status\r\n";
+    for (const Header& header : answer.headers) {
+        head += header.name + ": " + header.value + "\r\n";
+    }
+    return head + "Content-Length: " + std::to_string(contentLength) + "\r\n\r\n";
+}
 
-enum class Bad {
-    Refused,
-    CloseBeforeAnswer,
-    CloseInHeaders,
-    CloseInBody,
-    ContentLengthTooLarge,
-    Slow,
-    Garbage,
-    Body100MB,
-    NtlmChallengeEmpty,
-    NtlmChallengeNotBase64,
-    NtlmChallengeHuge,
-    JsonMalformed,
-    JsonTruncated,
-    JsonNested100000,
-    JsonWrongType,
+// Which operations meet a bad answer: all of them, or the first of each path it applies to.
+enum class Meets { Every, EachPath, EachNtlmPath, EachJsonPath };
+
+struct BadAnswer {
+    const char* name;
+    Meets meets;
+    // Turns the good answer, with its head as raw bytes, into the bad one (a raw answer ends the
+    // connection); none: nothing listens on the port.
+    std::function<void(ScriptedResponse& answer, const std::string& head)> spoil;
+    Thrown thrown;                // what the host sees, or kNothing for the good answer's result
+    bool onlyReadersFail = false; // operations that do not read the body see the good result
 };
 
-const char* Name(Bad bad) {
-    static const char* const names[] = {
-        "Refused",
-        "CloseBeforeAnswer",
-        "CloseInHeaders",
-        "CloseInBody",
-        "ContentLengthTooLarge",
-        "Slow",
-        "Garbage",
-        "Body100MB",
-        "NtlmChallengeEmpty",
-        "NtlmChallengeNotBase64",
-        "NtlmChallengeHuge",
-        "JsonMalformed",
-        "JsonTruncated",
-        "JsonNested100000",
-        "JsonWrongType",
+// A TLS record header, NUL and high bytes, and a line break.
+const char kGarbage[] = "\x16\x03\x01\x00\xa5\x01\x00\x00\xa1\x03\x03\xff\xfe garbage\r\n\r\n";
+
+template <bool raw = false> auto Challenge(std::string value) {
+    return [value](ScriptedResponse& a, auto&) {
+        a = {401, {{"WWW-Authenticate", value}}, "", false, {}};
+        a.raw = raw ? std::optional(Head(a, 0)) : std::nullopt;
     };
-    return names[static_cast<int>(bad)];
 }
 
-bool IsNtlm(Bad bad) {
-    return bad == Bad::NtlmChallengeEmpty || bad == Bad::NtlmChallengeNotBase64 ||
-           bad == Bad::NtlmChallengeHuge;
-}
-
-// The operation's accepted answer with its body replaced.
-FaultAnswer WithBody(const Operation& op, std::string body) {
-    FaultAnswer answer = op.accepted;
-    answer.body = std::move(body);
-    return answer;
-}
-
-FaultAnswer Challenge(std::string value) {
-    return {401, {{"WWW-Authenticate", std::move(value)}}, ""};
-}
-
-// How the server answers the operation's request for this fault.
-std::pair<Fault, FaultAnswer> Plan(const Operation& op, Bad bad) {
-    const bool version = op.target == Target::Proxy; // the connection test's JSON
-    switch (bad) {
-    case Bad::Refused:
-        return {Fault::Refuse, op.accepted};
-    case Bad::CloseBeforeAnswer:
-        return {Fault::CloseBeforeAnswer, op.accepted};
-    case Bad::CloseInHeaders:
-        return {Fault::CloseInHeaders, op.accepted};
-    case Bad::CloseInBody:
-        return {Fault::CloseInBody, op.accepted};
-    case Bad::ContentLengthTooLarge:
-        return {Fault::ContentLengthTooLarge, op.accepted};
-    case Bad::Slow:
-        return {Fault::Slow, op.accepted};
-    case Bad::Garbage:
-        return {Fault::Garbage, op.accepted};
-    case Bad::Body100MB:
-        // The accepted JSON, then blanks to 100 MB: still the same document to a JSON reader.
-        return {Fault::Answer, WithBody(op, op.accepted.body + std::string(100 << 20, ' '))};
-    case Bad::NtlmChallengeEmpty:
-        return {Fault::Answer, Challenge("NTLM")};
-    case Bad::NtlmChallengeNotBase64:
-        return {Fault::Answer, Challenge("NTLM ####****")};
-    case Bad::NtlmChallengeHuge:
-        return {Fault::Answer, Challenge("NTLM " + utility::conversions::to_base64(
-                                                       std::vector<unsigned char>(1 << 20, 0x4e)))};
-    case Bad::JsonMalformed:
-        return {Fault::Answer, WithBody(op, R"({"a": nope})")};
-    case Bad::JsonTruncated:
-        return {Fault::Answer, WithBody(op, op.accepted.body.substr(0, 8))};
-    case Bad::JsonNested100000:
-        return {Fault::Answer, WithBody(op, std::string(100000, '[') + std::string(100000, ']'))};
-    case Bad::JsonWrongType:
-        return {Fault::Answer, WithBody(op, version ? R"({"version":2})" : R"({"tableID":42})")};
-    }
-    return {Fault::Answer, op.accepted};
-}
-
-// ---- What the host must see -----------------------------------------------------------------
-
-// A failure below the status code as the operation hands it to the host.
-std::string Failure(const Operation& op, const std::string& type, const std::string& message) {
-    return (op.flattens ? std::string("std::exception") : type) + ": " + message;
-}
-
-std::string Expected(const Operation& op, Bad bad) {
-    const std::string http = "web::http::http_exception";
-    const std::string json = "web::json::json_exception";
-    switch (bad) {
-    case Bad::Refused:
-        return Failure(op, http, "Failed to connect to any resolved endpoint");
-    case Bad::CloseBeforeAnswer:
-        return Failure(op, http, "Failed to read HTTP status line");
-    case Bad::CloseInHeaders:
-        return Failure(op, http, "Failed to read HTTP status line");
-    case Bad::Garbage:
-        return Failure(op, http, "Invalid HTTP status line");
-    // The response is complete for the operation once its head has arrived, unless it reads the
-    // body.
-    case Bad::CloseInBody:
-    case Bad::ContentLengthTooLarge:
-        return op.readsBody ? Failure(op, http, "Failed to read response body") : op.success;
-    case Bad::Slow:
-    case Bad::Body100MB:
-        return op.success;
-    case Bad::NtlmChallengeEmpty:
-        return Failure(op, "std::out_of_range", "invalid string position");
-    case Bad::NtlmChallengeNotBase64:
-        return Failure(op, "std::runtime_error", "invalid character found in base64 string");
-    case Bad::NtlmChallengeHuge:
-        return "CResourceException";
-    case Bad::JsonMalformed:
-        return Failure(op, json, "* Line 1, Column 8 Syntax error: Malformed literal");
-    case Bad::JsonTruncated:
-        return Failure(op, json, "* Line 1, Column 3 Syntax error: Malformed string literal");
-    case Bad::JsonNested100000:
+const std::vector<BadAnswer>& BadAnswers() {
+    const Thrown statusLine = Expected<http_exception>("Failed to read HTTP status line");
+    const Thrown body = Expected<http_exception>("Failed to read response body");
+    static const std::vector<BadAnswer> bads = {
+        {"Refused", Meets::EachPath, nullptr,
+         Expected<http_exception>("Failed to connect to any resolved endpoint")},
+        {"CloseBeforeAnswer", Meets::Every, [](auto& a, auto&) { a.raw = ""; }, statusLine},
+        {"CloseInHeaders", Meets::EachPath,
+         [](auto& a, auto& head) { a.raw = head.substr(0, head.size() / 2); }, statusLine},
+        // cpprestsdk completes a response once its head is in; only a reader of the body fails.
+        {"CloseInBody", Meets::Every,
+         [](auto& a, auto& head) { a.raw = head + a.body.substr(0, a.body.size() / 2); }, body,
+         true},
+        {"ContentLengthTooLarge", Meets::EachPath,
+         [](auto& a, auto&) { a.raw = Head(a, a.body.size() + 1000) + a.body; }, body, true},
+        {"Garbage", Meets::EachPath, [](auto& a, auto&) { a.raw.emplace(kGarbage, 25); },
+         Expected<http_exception>("Invalid HTTP status line")},
+        // Blanks after the good JSON: still the same document to a JSON reader.
+        {"Body100MB", Meets::EachPath,
+         [](auto& a, auto&) { a.body += std::string(100 << 20, ' '); }, kNothing},
+        {"NtlmChallengeEmpty", Meets::EachNtlmPath, Challenge("NTLM"),
+         Expected<std::out_of_range>("invalid string position")},
+        {"NtlmChallengeNotBase64", Meets::EachNtlmPath, Challenge("NTLM ####****"),
+         Expected<std::runtime_error>("invalid character found in base64 string")},
+        {"NtlmChallengeHuge", Meets::EachNtlmPath,
+         Challenge<true>(
+             "NTLM " + utility::conversions::to_base64(std::vector<unsigned char>(1 << 20, 0x4e))),
+         kResourceException},
+        {"JsonMalformed", Meets::EachJsonPath, [](auto& a, auto&) { a.body = R"({"a": nope})"; },
+         Expected<json_exception>("* Line 1, Column 8 Syntax error: Malformed literal")},
+        {"JsonTruncated", Meets::EachJsonPath, [](auto& a, auto&) { a.body.resize(8); },
+         Expected<json_exception>("* Line 1, Column 3 Syntax error: Malformed string literal")},
         // cpprestsdk's reader gives up at a depth of 128 rather than recursing 100,000 deep.
-        return Failure(op, json, "* Line 1, Column 130 Syntax error: Nesting too deep");
-    case Bad::JsonWrongType:
-        return Failure(op, json, "not a string");
-    }
-    return "?";
+        {"JsonNested100000", Meets::EachJsonPath,
+         [](auto& a, auto&) { a.body = std::string(100000, '[') + std::string(100000, ']'); },
+         Expected<json_exception>("* Line 1, Column 130 Syntax error: Nesting too deep")},
+        // The one member's string value becomes a number.
+        {"JsonWrongType", Meets::EachJsonPath,
+         [](auto& a, auto&) { a.body = a.body.substr(0, a.body.find(':') + 1) + "2}"; },
+         Expected<json_exception>("not a string")},
+    };
+    return bads;
 }
 
-// The most specific type the host can catch, with the message.
-std::string Outcome(const std::function<std::string()>& run) {
-    try {
-        return run();
-    } catch (CResourceException* e) {
-        e->Delete();
-        return "CResourceException";
-    } catch (const web::http::http_exception& e) {
-        return std::string("web::http::http_exception: ") + e.what();
-    } catch (const web::json::json_exception& e) {
-        return std::string("web::json::json_exception: ") + e.what();
-    } catch (const pplx::task_canceled& e) {
-        return std::string("pplx::task_canceled: ") + e.what();
-    } catch (const std::out_of_range& e) {
-        return std::string("std::out_of_range: ") + e.what();
-    } catch (const std::runtime_error& e) {
-        return std::string("std::runtime_error: ") + e.what();
-    } catch (const std::logic_error& e) {
-        return std::string("std::logic_error: ") + e.what();
-    } catch (const std::bad_alloc& e) {
-        return std::string("std::bad_alloc: ") + e.what();
-    } catch (const std::exception& e) {
-        return std::string("std::exception: ") + e.what();
-    } catch (...) {
-        return "an exception of no standard type";
-    }
+// Not even the head is complete before five seconds have passed; the body comes within two more.
+RecordingServer::Handler Trickle(const ScriptedResponse& good) {
+    const std::string all = Head(good, good.body.size()) + good.body;
+    const std::size_t from = all.size() - good.body.size() - 5; // the head's last five bytes
+    return [=](const RecordedRequest&, ConnectionContext& c) {
+        boost::system::error_code ec;
+        boost::asio::write(*c.socket, boost::asio::buffer(all.data(), from), ec);
+        for (std::size_t at = from; at < all.size() && !ec; ++at) {
+            std::this_thread::sleep_for(
+                at < from + 5 ? 1000ms : 2000ms / static_cast<int>(good.body.size()));
+            boost::asio::write(*c.socket, boost::asio::buffer(&all[at], 1), ec);
+        }
+        return ScriptedResponse{200, {}, "", true, ""};
+    };
 }
 
-// ---- The table ------------------------------------------------------------------------------
+std::string Name(const Operation& op, const BadAnswer& bad) {
+    return std::string(op.name) + " / " + bad.name;
+}
 
-struct Row {
-    const Operation* op;
-    Bad bad;
-};
-
-void PrintTo(const Row& row, std::ostream* os) { *os << row.op->name << " / " << Name(row.bad); }
-
-std::vector<Row> Rows() {
-    const Bad everywhere[] = {Bad::Refused,
-                              Bad::CloseBeforeAnswer,
-                              Bad::CloseInHeaders,
-                              Bad::CloseInBody,
-                              Bad::ContentLengthTooLarge,
-                              Bad::Slow,
-                              Bad::Garbage,
-                              Bad::Body100MB};
-    const Bad ntlm[] = {Bad::NtlmChallengeEmpty, Bad::NtlmChallengeNotBase64,
-                        Bad::NtlmChallengeHuge};
-    const Bad json[] = {Bad::JsonMalformed, Bad::JsonTruncated, Bad::JsonNested100000,
-                        Bad::JsonWrongType};
-    std::vector<Row> rows;
+std::vector<std::pair<const Operation*, const BadAnswer*>> Rows() {
+    std::vector<std::pair<const Operation*, const BadAnswer*>> rows;
+    std::set<Path> seen;
     for (const Operation& op : Operations()) {
-        for (Bad bad : everywhere) {
-            rows.push_back({&op, bad});
-        }
-        // Only requests to the service authenticate; the proxy's own calls never do.
-        if (op.target == Target::Service) {
-            for (Bad bad : ntlm) {
-                rows.push_back({&op, bad});
-            }
-        }
-        // Only the connection test and the table creation read a JSON answer.
-        if (op.readsBody) {
-            for (Bad bad : json) {
-                rows.push_back({&op, bad});
+        const bool first = seen.insert(op.path).second;
+        // In the order of Meets.
+        const bool meets[] = {true, first, first && op.path > Path::Connection,
+                              first && ReadsBody(op)};
+        for (const BadAnswer& bad : BadAnswers()) {
+            if (meets[static_cast<int>(bad.meets)]) {
+                rows.push_back({&op, &bad});
             }
         }
     }
     return rows;
 }
 
-std::size_t ThreadCount() {
-    std::size_t count = 0;
-    for ([[maybe_unused]] const auto& entry :
-         std::filesystem::directory_iterator("/proc/self/task")) {
-        ++count;
-    }
-    return count;
-}
-
-class Faults : public ::testing::TestWithParam<Row> {
-protected:
-    // cpprestsdk starts its thread pool with the first request of the process and keeps it; one
-    // good request before the case makes the pool part of the baseline.
-    void SetUp() override {
-        RecordingServer warmUp;
-        web::http::client::http_client client(utility::conversions::to_string_t(warmUp.BaseUrl()));
-        ASSERT_EQ(client.request(web::http::methods::GET).get().status_code(), 200);
-    }
-};
-
-TEST_P(Faults, HostSeesTheDocumentedOutcomeAndNoThreadIsLeft) {
-    const Row& row = GetParam();
-    const Operation& op = *row.op;
-    const std::size_t baseline = ThreadCount();
-    {
-        const auto [fault, answer] = Plan(op, row.bad);
-        // The connection test registers first; that request is answered well.
-        const std::size_t answeredFirst = op.readsBody && op.target == Target::Proxy ? 1 : 0;
-        FaultServer server(fault, answer, answeredFirst,
-                           IsNtlm(row.bad) ? "127.0.0.2" : "127.0.0.1");
-        const auto started = std::chrono::steady_clock::now();
-        EXPECT_EQ(Outcome([&] { return op.run(server.BaseUrl()); }), Expected(op, row.bad));
-        // The outcome came from the fault: the request under test reached the server (unless
-        // nothing listened), and nothing was sent again.
-        EXPECT_EQ(server.RequestCount(), answeredFirst + (row.bad == Bad::Refused ? 0 : 1));
-        // cpprestsdk goes on reading a body nobody asked for after the operation has returned;
-        // the connection ends once it is done with it. Waiting for that also shows that the
-        // library holds on to no connection (and lets the process end with nothing in flight).
-        EXPECT_TRUE(server.WaitUntilAllClosed(std::chrono::seconds(60)));
-        if (row.bad == Bad::Slow) {
-            // The answer really was slow, and was waited for rather than given up on.
-            EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::seconds(4));
+// True once no loopback TCP connection with the port at either end is established: no line of
+// the kernel's table has it as the local end ("...:PORT remote 01 ") or the remote one (":PORT 01
+// ").
+bool ConnectionsEnd(unsigned short port) {
+    char hex[5];
+    std::snprintf(hex, sizeof hex, "%04X", port);
+    const std::regex established(std::string(":") + hex + " ([0-9A-F]{8}:[0-9A-F]{4} )?01 ");
+    for (const auto until = std::chrono::steady_clock::now() + 60s;
+         std::chrono::steady_clock::now() < until; std::this_thread::sleep_for(10ms)) {
+        std::ostringstream table;
+        table << std::ifstream("/proc/net/tcp").rdbuf();
+        if (!std::regex_search(table.str(), established)) {
+            return true;
         }
     }
-    // Threads that were ending when the server closed get a moment to be gone.
-    for (int i = 0; i < 50 && ThreadCount() > baseline; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    EXPECT_EQ(ThreadCount(), baseline);
+    return false;
 }
 
-INSTANTIATE_TEST_SUITE_P(OperationTimesFault, Faults, ::testing::ValuesIn(Rows()),
-                         [](const ::testing::TestParamInfo<Row>& info) {
-                             return std::string(info.param.op->name) + "_" + Name(info.param.bad);
-                         });
+// Runs the case and checks all but the threads.
+void Check(const Operation& op, const BadAnswer& bad, bool trickle = false) {
+    const std::string name = Name(op, bad);
+    auto server = std::make_unique<RecordingServer>(bad.meets == Meets::EachNtlmPath ? "127.0.0.2"
+                                                                                     : "127.0.0.1");
+    const unsigned short port = server->Port();
+    const std::string url = server->BaseUrl();
+    const auto arm = [&] {
+        if (!bad.spoil) {
+            server.reset(); // from now on nothing listens on the port
+            return;
+        }
+        ScriptedResponse answer = op.good;
+        bad.spoil(answer, Head(answer, answer.body.size()));
+        server->Clear();
+        server->SetHandler(trickle ? Trickle(answer) : [answer](auto&, auto&) { return answer; });
+    };
+    if (op.path != Path::Connection) {
+        arm();
+    }
+    std::string result;
+    const auto started = std::chrono::steady_clock::now();
+    const Thrown thrown = ThrownBy([&] { result = op.run(url, arm); });
+    // A slow answer is waited for rather than given up on.
+    EXPECT_TRUE(!trickle || std::chrono::steady_clock::now() - started > 4s) << "case: " << name;
+    static const std::string plain = ThrownBy([] { ThrowPlainException(std::exception()); }).type;
+    Thrown documented = bad.onlyReadersFail && !ReadsBody(op) ? kNothing : bad.thrown;
+    // Flattened, unless nothing was thrown or a CResourceException, which is no std::exception.
+    documented.type = op.flattens && !documented.message.empty() ? plain : documented.type;
+    EXPECT_EQ(thrown, documented) << "case: " << name;
+    EXPECT_EQ(result, thrown == kNothing ? op.success : "") << "case: " << name;
+    // The outcome came from the bad answer: the request reached the server (unless nothing
+    // listened), and only once.
+    EXPECT_EQ(server ? server->Requests().size() : 0u, bad.spoil ? 1u : 0u) << "case: " << name;
+    // cpprestsdk reads to its end a body nobody asked for; then the library holds no connection.
+    EXPECT_TRUE(ConnectionsEnd(port)) << "case: " << name;
+}
+
+std::size_t ThreadCount() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+// Before the first request of the process: cpprestsdk starts its thread pool with it and keeps
+// it, so one request first makes the pool part of the baseline; and the NTLM handshake, which runs
+// only for a service that is not on this machine by name (127.0.0.2 stands in for one), takes its
+// default credentials from gss-ntlmssp's user file, one per process as tests run in parallel.
+std::size_t Baseline() {
+    const std::string users = ::testing::TempDir() + std::to_string(getpid()) + "-fault.users";
+    std::ofstream(users) << "TESTDOM:alice:Correct-Horse-1\n";
+    setenv("NTLM_USER_FILE", users.c_str(), 1);
+    const std::string nowhere = "http://127.0.0.1:" + std::to_string(FreePort());
+    web::http::client::http_client client(utility::conversions::to_string_t(nowhere));
+    ThrownBy([&] { client.request(web::http::methods::GET).get(); });
+    return ThreadCount();
+}
+
+// At the end of a test. When a connection breaks inside a response body, cpprestsdk closes that
+// response's streams through continuations it queues on its pool, after the operation has
+// returned; a process that exits before the pool has run them leaves the chain behind, and
+// LeakSanitizer reports it (about one case in a hundred). A few rounds through the pool let them
+// run.
+void ExpectNoThreadLeft(std::size_t baseline, const std::string& name, bool last = false) {
+    for (int round = 0; last && round < 5; ++round) {
+        pplx::create_task([] {}).wait();
+        std::this_thread::sleep_for(50ms);
+    }
+    // Threads that were ending when the servers closed get a moment to be gone.
+    for (int i = 0; i < 50 && ThreadCount() > baseline; ++i) {
+        std::this_thread::sleep_for(20ms);
+    }
+    EXPECT_EQ(ThreadCount(), baseline) << "case: " << name;
+}
+
+TEST(Faults, EachPathMeetsEachBadAnswer) {
+    const std::size_t baseline = Baseline();
+    const auto rows = Rows();
+    for (const auto& row : rows) {
+        Check(*row.first, *row.second);
+        ExpectNoThreadLeft(baseline, Name(*row.first, *row.second), &row == &rows.back());
+    }
+}
+
+// Every operation at once against a slow answer.
+TEST(Faults, SlowAnswersAreWaitedForByEveryOperation) {
+    const std::size_t baseline = Baseline();
+    const BadAnswer slow{"Slow", Meets::Every, [](auto&, auto&) {}, kNothing};
+    std::vector<std::future<void>> calls;
+    for (const Operation& op : Operations()) {
+        calls.push_back(std::async(std::launch::async, [&] { Check(op, slow, true); }));
+    }
+    calls.clear(); // waits for every call
+    ExpectNoThreadLeft(baseline, "Slow", true);
+}
 
 } // namespace
