@@ -29,7 +29,6 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    const std::string& FirstLine() const { return firstLine_; }
     unsigned short Port() const; // the first number on the first line
     // Sends the signal, waits, and returns the wait status.
     int Stop(int signal);

@@ -5,7 +5,6 @@
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/string.hpp>
 
-#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <set>
@@ -57,7 +56,6 @@ std::size_t RecordedRequest::HeaderCount(std::string_view name) const {
 struct RecordingServer::Impl {
     std::string address;
     mutable std::mutex mutex;
-    mutable std::condition_variable arrived;
     std::mutex handling; // handlers were written for one call at a time
     std::vector<RecordedRequest> requests;
     std::set<std::size_t> connections;
@@ -74,7 +72,6 @@ struct RecordingServer::Impl {
             std::lock_guard<std::mutex> lock(mutex);
             requests.push_back(recorded);
             connections.insert(connection.id);
-            arrived.notify_all();
             call = handler;
             if (!call && !queue.empty()) {
                 scripted = std::move(queue.front());
@@ -154,12 +151,6 @@ std::vector<RecordedRequest> RecordingServer::Requests() const {
 std::size_t RecordingServer::ConnectionCount() const {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     return impl_->connections.size();
-}
-
-bool RecordingServer::WaitForRequests(std::size_t count, std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> lock(impl_->mutex);
-    return impl_->arrived.wait_for(lock, timeout,
-                                   [&] { return impl_->requests.size() >= count; });
 }
 
 void RecordingServer::Clear() {

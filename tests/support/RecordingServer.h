@@ -5,7 +5,6 @@
 
 #include "Http.h"
 
-#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -66,7 +65,6 @@ public:
 
     std::vector<RecordedRequest> Requests() const; // in arrival order
     std::size_t ConnectionCount() const;           // connections that carried a request
-    bool WaitForRequests(std::size_t count, std::chrono::milliseconds timeout) const;
     void Clear(); // forgets the recorded requests
 
     struct Impl;
