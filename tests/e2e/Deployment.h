@@ -1,16 +1,52 @@
-// lxrepo-server set up for each way a host connects: the repository service, the proxy the host
-// registers with (and asks for its version), and for the direct login an OpenID provider behind
-// the service's /identity.
+// lxrepo-server set up for each way a host connects (the repository service, the proxy the host
+// registers with, and for the direct login an OpenID provider behind the service's /identity),
+// and a host's whole import through the library's public operations in the host's order:
+// registration, connection test, table, definitions, distinct values and value ids in chunks,
+// End.
 #pragma once
 
-#include "e2e/HostImport.h"
-#include "support/Process.h"
+#include "ServerFixture.h"
+#include "TableRepositoryImport.h"
+#include "support/HostRecords.h"
+#include "support/OidcProvider.h"
 
 #include <memory>
 #include <string>
-#include <thread>
+#include <vector>
 
 namespace e2e {
+
+struct Table {
+    std::string name;
+    std::string tableClass;
+    std::string description;
+    int rows = 0;
+    std::vector<testsupport::Column> columns;
+};
+
+// A cell of each kind a step could garble (non-ASCII, commas and quotes, empty and missing
+// values, numbers and dates as text) under awkward names; the variant shifts the value ids so
+// that tables differ.
+Table GenerateTable(const std::string& name, int variant = 0);
+// What the data table must hold, row by row in column order; NULL for a missing value.
+std::vector<servertest::Row> ExpectedRows(const Table& table);
+
+// Where a host connects and what its connection test must answer there.
+struct Endpoint {
+    CAuthenticationProxyConfiguration proxy;
+    std::string serviceUrl;
+    int connectionStatus = Connected;
+};
+
+struct Imported {
+    std::string failure; // "" when every call answered as it should, else the first that did not
+    std::string id;
+    TestConnectionResult connection;
+    std::unique_ptr<CTableRepositoryImport> client; // registered still
+};
+
+// The whole import, or all of it but the End.
+Imported ImportThroughLibrary(const Endpoint& endpoint, const Table& table, bool end = true);
 
 enum class Way {
     Proxy, // requests forwarded by the proxy, which authenticates to the service as itself
@@ -20,9 +56,10 @@ enum class Way {
 
 class Deployment {
 public:
-    // The service imports into database and accepts tables of tableClass only. Throws when a
-    // part cannot start.
-    Deployment(Way way, const std::string& database, const std::string& tableClass);
+    // The service imports into database and accepts tables of these classes only. For the
+    // login the user's browser is the library's launcher for as long as this lives. Throws when
+    // a part cannot start.
+    Deployment(Way way, const std::string& database, const std::vector<std::string>& classes);
     ~Deployment();
 
     // Whether this way can run here (the login needs node and the provider's packages).
@@ -34,6 +71,8 @@ public:
     std::string Client() const { return client_; }         // lxrepo_tables.client
     // Status of the proxy's connect call for the host's client, as the proxy sees it now.
     int ProxyConnectStatus() const;
+    // What went wrong in the browser's login, "" if nothing.
+    std::string BrowserFailure() { return browser_ ? browser_->Finish() : ""; }
 
 private:
     servertest::TempDirectory files_;
@@ -41,6 +80,7 @@ private:
     std::string importedBy_;
     std::string client_;
     std::unique_ptr<testsupport::ChildProcess> provider_;
+    std::unique_ptr<testsupport::LaunchedBrowser> browser_;
     std::unique_ptr<servertest::RunningServer> service_;
     std::unique_ptr<servertest::RunningServer> proxy_;
 };
@@ -52,20 +92,7 @@ const char* NtlmServiceHost();
 // Writes the accounts an NTLM service accepts (alice, proxy) to path.
 void WriteNtlmUsers(const std::string& path);
 
-// The user's browser for the direct login: installed as the library's launcher for as long as
-// it lives, it logs alice in on a thread of its own, as a browser is a process of its own.
-class LoginBrowser {
-public:
-    LoginBrowser();
-    ~LoginBrowser();
-    // Waits for the browser; "" when it reached the library's listener and was told the login
-    // is done, otherwise what went wrong (or "never opened").
-    std::string Outcome();
-
-private:
-    static int Launch(const wchar_t* url, void* context);
-    std::thread visit_;
-    std::string outcome_ = "never opened";
-};
+CString Wide(const std::string& utf8);
+std::string Utf8(const CString& text);
 
 } // namespace e2e

@@ -1,18 +1,21 @@
-// The authentication proxy in the exact query form of the client library: registration with
-// its version, connect, unregistration, and forwarding to an allowed service. Proxy and service
-// run as two servers (roles proxy and service), as in a deployment with a separate proxy.
+// The authentication proxy in the exact query form of the client library: registration,
+// connect, unregistration, and forwarding to an allowed service. Proxy and service run as two
+// servers (roles proxy and service), as in a deployment with a separate proxy.
 #include <gtest/gtest.h>
 
 #include "ServerFixture.h"
 #include "support/RecordingServer.h"
-
-#include <nlohmann/json.hpp>
 
 #include <string>
 
 namespace {
 
 using namespace servertest;
+
+Fields Via(const std::string& client, const std::string& server,
+           const std::string& auth = "windows") {
+    return {{"lxclient", client}, {"lxserver", server}, {"lxauth", auth}};
+}
 
 class Proxy : public ::testing::Test {
 protected:
@@ -21,16 +24,11 @@ protected:
         // Spelt differently from what clients send: the allow-list compares origins.
         options.proxy.allowedServers = {"HTTP://127.0.0.1:" + std::to_string(service.Port()) + "/",
                                         recorder.BaseUrl()};
-        options.proxy.version = "1.0.0-lxproxy-2.1";
         proxy = std::make_unique<RunningServer>(options);
     }
 
-    Answer Call(const std::string& path, const Query& query,
-                const std::optional<std::string>& body = std::nullopt) {
-        return Send(proxy->Url(), path, body, query);
-    }
-    Answer Forward(const Query& query, const std::string& body) {
-        return Send(proxy->Url(), "/forward/Import/Tables", body, query);
+    Answer Call(const std::string& path, const Fields& query) {
+        return Send(proxy->Url(), WithQuery(path, query));
     }
 
     TempDirectory directory;
@@ -38,16 +36,6 @@ protected:
     testsupport::RecordingServer recorder;
     std::unique_ptr<RunningServer> proxy;
 };
-
-TEST_F(Proxy, RegistrationAnswersTheVersionAsJson) {
-    // The connection test asks for the version with all three parameters.
-    const Answer version = Call(
-        "/register", {{"lxclient", "desk 01"}, {"lxserver", service.Url()}, {"lxauth", "windows"}});
-    EXPECT_EQ(version.status, 200);
-    EXPECT_EQ(version.contentType.rfind("application/json", 0), 0u) << version.contentType;
-    EXPECT_EQ(nlohmann::json::parse(version.body).at("version"), "1.0.0-lxproxy-2.1");
-    EXPECT_EQ(Call("/register", {{"lxserver", service.Url()}}).status, 400);
-}
 
 TEST_F(Proxy, ConnectNeedsARegisteredClientAndAnAllowedServer) {
     const std::string desk = "desk \xC3\xBC";
@@ -75,74 +63,61 @@ TEST_F(Proxy, ConnectNeedsARegisteredClientAndAnAllowedServer) {
         if (c.unregistered) {
             ASSERT_EQ(Call("/unregister", {{"lxclient", desk}}).status, 200);
         }
-        const Answer answer =
-            Call("/connect", {{"lxclient", desk}, {"lxserver", c.server}, {"lxauth", c.auth}});
+        const Answer answer = Call("/connect", Via(desk, c.server, c.auth));
         EXPECT_EQ(answer.status, c.status) << "case: " << c.name << ": " << answer.body;
     }
 }
 
 TEST_F(Proxy, ForwardRelaysTheServiceAnswersAndRefusesOthers) {
     ASSERT_EQ(Call("/register", {{"lxclient", "desk"}, {"lxserver", service.Url()}}).status, 200);
-    const auto via = [](const std::string& client, const std::string& server,
-                        const std::string& auth = "windows") {
-        return Query{{"lxclient", client}, {"lxserver", server}, {"lxauth", auth}};
-    };
     const struct {
         const char* name;
-        Query query;
+        Fields query;
         std::string body;
         int status;
         const char* errorPart;
     } cases[] = {
-        {"service's 201", via("desk", service.Url()),
+        {"service's 201", Via("desk", service.Url()),
          R"({"recordCount":1,"tableClass":"c","tableDescription":"","tableName":"F","tableOverwrite":false})",
          201, ""},
-        {"service's 400 with its message", via("desk", service.Url()), "{\"tableName\":", 400,
+        {"service's 400 with its message", Via("desk", service.Url()), "{\"tableName\":", 400,
          "malformed JSON"},
-        {"server not on the allow-list", via("desk", "http://127.0.0.1:9"), "{}", 403,
+        {"server not on the allow-list", Via("desk", "http://127.0.0.1:9"), "{}", 403,
          "does not forward to http://127.0.0.1:9"},
-        {"allowed host, other port", via("desk", proxy->Url()), "{}", 403, "does not forward"},
-        {"unregistered client", via("intruder", service.Url()), "{}", 401, "not registered"},
-        {"lxserver not a URL", via("desk", "repository"), "{}", 400, "http:// URL"},
-        {"oauth without a configured OpenID client", via("desk", service.Url(), "oauth"), "{}", 502,
+        {"allowed host, other port", Via("desk", proxy->Url()), "{}", 403, "does not forward"},
+        {"unregistered client", Via("intruder", service.Url()), "{}", 401, "not registered"},
+        {"lxserver not a URL", Via("desk", "repository"), "{}", 400, "http:// URL"},
+        {"oauth without a configured OpenID client", Via("desk", service.Url(), "oauth"), "{}", 502,
          "no OpenID client"},
         {"no proxy parameters", {}, "{}", 400, "lxclient"},
     };
     for (const auto& c : cases) {
-        const Answer answer = Forward(c.query, c.body);
+        const Answer answer =
+            Send(proxy->Url(), WithQuery("/forward/Import/Tables", c.query), c.body);
         EXPECT_EQ(answer.status, c.status) << "case: " << c.name << ": " << answer.body;
         EXPECT_EQ(answer.contentType.rfind("application/json", 0), 0u) << "case: " << c.name;
         EXPECT_NE(answer.Error().find(c.errorPart), std::string::npos)
             << "case: " << c.name << ": " << answer.body;
     }
+    // Each role serves only its own paths.
+    EXPECT_EQ(Send(proxy->Url(), "/Import/Connect").status, 404);
+    EXPECT_EQ(Send(service.Url(), WithQuery("/register", Via("desk", service.Url()))).status, 404);
 }
 
 // The service gets its own query parameters as they came, without the proxy's, and the client's
 // name encoded in a header of its own.
 TEST_F(Proxy, ForwardPassesOnTheServiceQueryAndNamesTheClient) {
-    ASSERT_EQ(
-        Call("/register", {{"lxclient", "desk \xC3\xBC"}, {"lxserver", recorder.BaseUrl()}}).status,
-        200);
-    const Answer answer = Send(proxy->Url(), "/forward/Import/Connect", std::nullopt,
-                               {{"keep", "1 2"},
-                                {"lxclient", "desk \xC3\xBC"},
-                                {"lxserver", recorder.BaseUrl()},
-                                {"x", ""},
-                                {"lxauth", "windows"}});
+    ASSERT_EQ(Call("/register", Via("desk \xC3\xBC", recorder.BaseUrl())).status, 200);
+    const Answer answer = Call("/forward/Import/Connect", {{"keep", "1 2"},
+                                                           {"lxclient", "desk \xC3\xBC"},
+                                                           {"lxserver", recorder.BaseUrl()},
+                                                           {"x", ""},
+                                                           {"lxauth", "windows"}});
     EXPECT_EQ(answer.status, 200) << answer.body;
     const auto requests = recorder.Requests();
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].target, "/Import/Connect?keep=1%202&x=");
     EXPECT_EQ(requests[0].HeaderValue("X-Lxrepo-Client"), "desk%20%C3%BC");
-}
-
-TEST_F(Proxy, EachRoleServesOnlyItsOwnPaths) {
-    const Query registration = {{"lxclient", "a"}, {"lxserver", "b"}};
-    RunningServer both(DefaultOptions(directory.File("both.sqlite")));
-    EXPECT_EQ(Send(proxy->Url(), "/Import/Connect").status, 404);
-    EXPECT_EQ(Send(service.Url(), "/register", std::nullopt, registration).status, 404);
-    EXPECT_EQ(Send(both.Url(), "/Import/Connect").status, 200);
-    EXPECT_EQ(Send(both.Url(), "/register", std::nullopt, registration).status, 200);
 }
 
 } // namespace

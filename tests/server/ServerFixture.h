@@ -1,6 +1,6 @@
 // What the lxrepo-server tests, the end-to-end imports and the lxrepo tests share: servers
-// started in-process on free loopback ports with fresh SQLite files, requests in the client
-// library's wire form for what only a test sends, and the SQL file read back.
+// started in-process on free loopback ports with fresh SQLite files, one way to send a request
+// the library never sends, and the SQL file read back.
 #pragma once
 
 #include "LxrepoServer.h"
@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace servertest {
@@ -31,48 +32,41 @@ lxrepo::ServerOptions DefaultOptions(const std::string& database,
 
 class RunningServer {
 public:
-    explicit RunningServer(const lxrepo::ServerOptions& options);
-    ~RunningServer() { server_->Stop(); }
-    std::string Url() const; // "http://<address>:<port>"
-    unsigned short Port() const { return server_->Port(); }
-    lxrepo::LxrepoServer& Server() { return *server_; }
+    explicit RunningServer(const lxrepo::ServerOptions& options)
+        : address_(options.http.address), server_(options) {
+        server_.Start();
+    }
+    std::string Url() const { return "http://" + address_ + ":" + std::to_string(Port()); }
+    unsigned short Port() const { return server_.Port(); }
+    lxrepo::LxrepoServer& Server() { return server_; }
 
 private:
     std::string address_;
-    std::unique_ptr<lxrepo::LxrepoServer> server_;
+    lxrepo::LxrepoServer server_;
 };
 
 struct Answer {
     int status = 0;
-    std::string contentType;
     std::string body;
+    std::string contentType;
     std::string wwwAuthenticate;
     std::string Error() const; // the "error" member of a JSON body, "" without one
 };
 
-using Query = std::vector<std::pair<std::string, std::string>>;
+using Fields = std::vector<std::pair<std::string, std::string>>;
 
-// One request as the client library sends it: a fresh cpprestsdk client, the path as given
-// (encoded already), the query values encoded, a body as application/json (then by POST).
-Answer Send(const std::string& baseUrl, const std::string& path,
-            const std::optional<std::string>& body = std::nullopt, const Query& query = {},
-            const std::string& authorization = "");
+// path?name=value&..., names and values percent-encoded.
+std::string WithQuery(const std::string& path, const Fields& query);
 
-// POST /Import/Tables/<id, encoded><rest>
-Answer PostImport(const std::string& baseUrl, const std::string& id, const std::string& rest,
-                  const std::string& body);
-
-// POST /Import/Tables; for 201 *id gets the table id.
-Answer CreateTable(const std::string& baseUrl, const std::string& name, int recordCount,
-                   std::string* id = nullptr);
-
-// The attribute document for these names, as far as the service reads it.
-std::string AttributeDocument(const std::vector<std::string>& names);
+// One request on a connection of its own: a POST of the body (as JSON unless the headers name
+// another type) or, without one, a GET.
+Answer Send(const std::string& url, const std::string& target,
+            const std::optional<std::string>& body = std::nullopt, const Fields& headers = {});
 
 // Every row of a query; NULL as nullopt. Opens the file read-only.
 using Row = std::vector<std::optional<std::string>>;
 std::vector<Row> QueryRows(const std::string& database, const std::string& sql);
-// "select * from <table> order by rowid", the name quoted.
+// "select * from <table> order by rowid"
 std::vector<Row> TableRows(const std::string& database, const std::string& table);
 
 } // namespace servertest

@@ -1,10 +1,9 @@
-// lxrepo run as a program against an lxrepo-server service and proxy in this process; its tables
-// read back from SQLite.
+// lxrepo run as a program against the end-to-end deployment through the authentication proxy;
+// its tables read back from SQLite.
 // GoogleTest comes first: cpprestsdk's function-like macro U() breaks its templates.
 #include <gtest/gtest.h>
 
-#include "ServerFixture.h"
-#include "support/Process.h"
+#include "e2e/Deployment.h"
 
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -18,17 +17,9 @@ namespace {
 using servertest::QueryRows;
 using servertest::Row;
 
-// A service accepting the classes "default" and "sales", and a proxy that forwards to it.
+// The service accepts the classes "default" and "sales".
 class Lxrepo {
 public:
-    Lxrepo() {
-        auto service = servertest::DefaultOptions(Database(), lxrepo::Role::Service);
-        service.allowedClasses = {"default", "sales"};
-        service_ = std::make_unique<servertest::RunningServer>(service);
-        auto proxy = servertest::DefaultOptions(files_.File("proxy.sqlite"), lxrepo::Role::Proxy);
-        proxy.proxy.allowedServers = {service_->Url()};
-        proxy_ = std::make_unique<servertest::RunningServer>(proxy);
-    }
     std::string Database() const { return files_.File("repo.sqlite"); }
     std::string Write(const std::string& name, const std::string& content) const {
         std::ofstream(files_.File(name), std::ios::binary) << content;
@@ -38,99 +29,87 @@ public:
     testsupport::Finished Run(std::vector<std::string> args, bool connect = true) const {
         args.insert(args.begin(), LXREPO_BINARY);
         if (connect) {
-            args.insert(args.end(), {"--server", service_->Url(), "--proxy", proxy_->Url()});
+            args.insert(args.end(), {"--server", deployment_.Host().serviceUrl, "--proxy",
+                                     deployment_.ProxyUrl(), "--client", deployment_.Client()});
         }
         return testsupport::RunToEnd(args);
     }
-    int ProxyConnectStatus() const {
-        return servertest::Send(
-                   proxy_->Url(), "/connect", std::nullopt,
-                   {{"lxclient", "lxrepo"}, {"lxserver", service_->Url()}, {"lxauth", "windows"}})
-            .status;
-    }
+    int ProxyConnectStatus() const { return deployment_.ProxyConnectStatus(); }
 
 private:
     servertest::TempDirectory files_;
-    std::unique_ptr<servertest::RunningServer> service_;
-    std::unique_ptr<servertest::RunningServer> proxy_;
+    e2e::Deployment deployment_{e2e::Way::Proxy, Database(), {"default", "sales"}};
 };
 
 const std::optional<std::string> kEmpty;
 
-struct RoundTrip {
-    const char* name;
-    std::string csv;
-    std::vector<std::string> header;
-    std::vector<Row> rows; // nullopt: an empty cell
-    std::vector<int> types;
-};
-
-void PrintTo(const RoundTrip& c, std::ostream* out) { *out << c.name; }
-
-const RoundTrip kRoundTrips[] = {
-    {"quoted_fields",
-     "id,comment\n1,\"a, b\"\n2,\"say \"\"hi\"\"\"\n3,plain\n10,\"a, b\"\n",
-     {"id", "comment"},
-     {{"1", "a, b"}, {"2", "say \"hi\""}, {"3", "plain"}, {"10", "a, b"}},
-     {1, 0}},
-    {"line_breaks_and_crlf",
-     "name,note\r\nx,\"two\r\nlines\"\r\ny,\"three\nlines\"\r\n x , \r\n",
-     {"name", "note"},
-     {{"x", "two\r\nlines"}, {"y", "three\nlines"}, {" x ", " "}},
-     {0, 0}},
-    {"byte_order_mark_and_non_ascii",
-     "\xEF\xBB\xBF"
-     "city,amount\nZ\xC3\xBCrich,12.50\n\xE6\x9D\xB1\xE4\xBA\xAC,3\nS\xC3\xA3o Paulo,-0.5\n",
-     {"city", "amount"},
-     {{"Z\xC3\xBCrich", "12.50"}, {"\xE6\x9D\xB1\xE4\xBA\xAC", "3"}, {"S\xC3\xA3o Paulo", "-0.5"}},
-     {0, 2}},
-    {"empty_cells_dates_no_final_line_end",
-     "day,qty,label,code\n2024-01-31,,a,007\n,7,,2023-02-29\n2024-02-29,8,a,1\n,,,",
-     {"day", "qty", "label", "code"},
-     {{"2024-01-31", kEmpty, "a", "007"},
-      {kEmpty, "7", kEmpty, "2023-02-29"},
-      {"2024-02-29", "8", "a", "1"},
-      {kEmpty, kEmpty, kEmpty, kEmpty}},
-     {3, 1, 0, 0}},
-};
-
-class LxrepoRoundTrip : public ::testing::TestWithParam<RoundTrip> {};
-
-// Chunks of two rows and two distinct values, so every phase takes several requests.
-TEST_P(LxrepoRoundTrip, TableInSqliteEqualsTheFileCellByCell) {
-    const RoundTrip& c = GetParam();
-    Lxrepo lxrepo;
-    const auto run = lxrepo.Run({"import", lxrepo.Write(std::string(c.name) + ".csv", c.csv),
-                                 "--chunk-rows", "2", "--json"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    const auto summary = nlohmann::json::parse(run.out);
-    EXPECT_EQ(summary["rows"], c.rows.size());
-    EXPECT_EQ(summary["attributes"], c.header.size());
-    EXPECT_EQ(summary["table"], c.name);
-
-    std::vector<Row> header;
-    for (const std::string& name : c.header) {
-        header.push_back({name});
+TEST(Lxrepo, TableInSqliteEqualsTheFileCellByCell) {
+    const struct {
+        const char* name;
+        std::string csv;
+        std::vector<std::string> header;
+        std::vector<Row> rows; // nullopt: an empty cell
+        std::vector<int> types;
+    } cases[] = {
+        {"quoted_fields",
+         "id,comment\n1,\"a, b\"\n2,\"say \"\"hi\"\"\"\n3,plain\n10,\"a, b\"\n",
+         {"id", "comment"},
+         {{"1", "a, b"}, {"2", "say \"hi\""}, {"3", "plain"}, {"10", "a, b"}},
+         {1, 0}},
+        {"line_breaks_and_crlf",
+         "name,note\r\nx,\"two\r\nlines\"\r\ny,\"three\nlines\"\r\n x , \r\n",
+         {"name", "note"},
+         {{"x", "two\r\nlines"}, {"y", "three\nlines"}, {" x ", " "}},
+         {0, 0}},
+        {"byte_order_mark_and_non_ascii",
+         "\xEF\xBB\xBF"
+         "city,amount\nZ\xC3\xBCrich,12.50\n\xE6\x9D\xB1\xE4\xBA\xAC,3\nS\xC3\xA3o Paulo,-0.5\n",
+         {"city", "amount"},
+         {{"Z\xC3\xBCrich", "12.50"},
+          {"\xE6\x9D\xB1\xE4\xBA\xAC", "3"},
+          {"S\xC3\xA3o Paulo", "-0.5"}},
+         {0, 2}},
+        {"empty_cells_dates_no_final_line_end",
+         "day,qty,label,code\n2024-01-31,,a,007\n,7,,2023-02-29\n2024-02-29,8,a,1\n,,,",
+         {"day", "qty", "label", "code"},
+         {{"2024-01-31", kEmpty, "a", "007"},
+          {kEmpty, "7", kEmpty, "2023-02-29"},
+          {"2024-02-29", "8", "a", "1"},
+          {kEmpty, kEmpty, kEmpty, kEmpty}},
+         {3, 1, 0, 0}},
+    };
+    const Lxrepo lxrepo;
+    for (const auto& c : cases) {
+        // Chunks of two rows and two distinct values, so every phase takes several requests.
+        const auto run = lxrepo.Run({"import", lxrepo.Write(std::string(c.name) + ".csv", c.csv),
+                                     "--chunk-rows", "2", "--json"});
+        ASSERT_EQ(run.status, 0) << "case: " << c.name << "\n" << run.err;
+        const auto summary = nlohmann::json::parse(run.out);
+        EXPECT_EQ(summary["rows"], c.rows.size()) << "case: " << c.name;
+        EXPECT_EQ(summary["attributes"], c.header.size()) << "case: " << c.name;
+        EXPECT_EQ(summary["table"], c.name) << "case: " << c.name;
+        std::vector<Row> header;
+        for (const std::string& name : c.header) {
+            header.push_back({name});
+        }
+        EXPECT_EQ(QueryRows(lxrepo.Database(),
+                            "select name from pragma_table_info('" + std::string(c.name) + "')"),
+                  header)
+            << "case: " << c.name;
+        EXPECT_EQ(servertest::TableRows(lxrepo.Database(), c.name), c.rows) << "case: " << c.name;
+        const auto document =
+            QueryRows(lxrepo.Database(), "select attributes from lxrepo_tables where table_id = '" +
+                                             summary["tableId"].get<std::string>() + "'");
+        ASSERT_EQ(document.size(), 1u) << "case: " << c.name;
+        std::vector<int> types;
+        for (const auto& attribute : nlohmann::json::parse(*document[0][0])) {
+            types.push_back(attribute["Type"]);
+        }
+        EXPECT_EQ(types, c.types) << "case: " << c.name;
     }
-    EXPECT_EQ(QueryRows(lxrepo.Database(),
-                        "select name from pragma_table_info('" + std::string(c.name) + "')"),
-              header);
-    EXPECT_EQ(servertest::TableRows(lxrepo.Database(), c.name), c.rows);
-    const auto document =
-        QueryRows(lxrepo.Database(), "select attributes from lxrepo_tables where table_id = '" +
-                                         summary["tableId"].get<std::string>() + "'");
-    ASSERT_EQ(document.size(), 1u);
-    std::vector<int> types;
-    for (const auto& attribute : nlohmann::json::parse(*document[0][0])) {
-        types.push_back(attribute["Type"]);
-    }
-    EXPECT_EQ(types, c.types);
 }
 
-INSTANTIATE_TEST_SUITE_P(Files, LxrepoRoundTrip, ::testing::ValuesIn(kRoundTrips),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST(LxrepoMalformedFile, ExitsWithTwoAndTheLineNumber) {
+TEST(Lxrepo, MalformedFileExitsWithTwoAndTheLineNumber) {
     const struct {
         const char* name;
         std::string csv;
@@ -143,7 +122,7 @@ TEST(LxrepoMalformedFile, ExitsWithTwoAndTheLineNumber) {
         {"text after a closing quote", "a,b\n\"1\"x,2\n", 2},
         {"column name twice", "a,a\n1,2\n", 1},
     };
-    Lxrepo lxrepo;
+    const Lxrepo lxrepo;
     for (const auto& c : cases) {
         const auto run = lxrepo.Run({"import", lxrepo.Write("bad.csv", c.csv)});
         EXPECT_EQ(run.status, 2) << "case: " << c.name << "\n" << run.err;
@@ -156,17 +135,18 @@ TEST(LxrepoMalformedFile, ExitsWithTwoAndTheLineNumber) {
 }
 
 // sales.csv already exists as a table when each case runs.
-TEST(LxrepoFailures, ExitStatusAndMessageNameWhatFailed) {
-    Lxrepo lxrepo;
+TEST(Lxrepo, ExitStatusAndMessageNameWhatFailed) {
+    const Lxrepo lxrepo;
     const std::string file = lxrepo.Write("sales.csv", "region,units\nnorth,3\nsouth,\n");
     ASSERT_EQ(lxrepo.Run({"import", file}).status, 0);
     const std::string nowhere = "http://127.0.0.1:" + std::to_string(testsupport::FreePort());
     const struct {
         const char* name;
-        std::vector<std::string> args; // after "import"
+        std::vector<std::string> args; // after the command
         bool connect;
         int status;
         std::vector<std::string> said; // pieces of the message
+        const char* command = "import";
     } cases[] = {
         // Table names compare without case, as SQLite's do.
         {"existing table", {file, "--table", "SALES"}, true, 1, {"create table \"SALES\"", "409"}},
@@ -174,16 +154,28 @@ TEST(LxrepoFailures, ExitStatusAndMessageNameWhatFailed) {
         {"unreachable proxy", {file, "--server", nowhere, "--proxy", nowhere}, false, 3, {nowhere}},
         {"missing file", {file + ".gone", "--table", "x"}, true, 2, {"cannot read"}},
         {"bad chunk size", {file, "--chunk-rows", "0"}, true, 2, {"chunk-rows"}},
+        {"check of an allowed class",
+         {"--class", "sales"},
+         true,
+         0,
+         {"connection: Connected", "lxproxy", "\"sales\": authorized"},
+         "check"},
+        {"check of a class not allowed",
+         {"--class", "secret"},
+         true,
+         1,
+         {"\"secret\": not authorized"},
+         "check"},
     };
     for (const auto& c : cases) {
-        std::vector<std::string> args{"import"};
+        std::vector<std::string> args{c.command};
         args.insert(args.end(), c.args.begin(), c.args.end());
         const auto run = lxrepo.Run(args, c.connect);
         EXPECT_EQ(run.status, c.status) << "case: " << c.name << "\n" << run.err;
         for (const std::string& piece : c.said) {
-            EXPECT_NE(run.err.find(piece), std::string::npos)
+            EXPECT_NE((run.err + run.out).find(piece), std::string::npos)
                 << "case: " << c.name << " wants \"" << piece << "\" in\n"
-                << run.err;
+                << run.out << run.err;
         }
     }
     // Every run withdrew its registration, the refused ones too.
@@ -196,18 +188,6 @@ TEST(LxrepoFailures, ExitStatusAndMessageNameWhatFailed) {
     EXPECT_EQ(servertest::TableRows(lxrepo.Database(), "sales"), std::vector<Row>{{"7"}});
     EXPECT_EQ(QueryRows(lxrepo.Database(), "select name from lxrepo_tables"),
               std::vector<Row>{{"Sales"}});
-}
-
-TEST(LxrepoCheck, ReportsStatusVersionAndAuthorization) {
-    Lxrepo lxrepo;
-    const auto allowed = lxrepo.Run({"check", "--class", "sales"});
-    EXPECT_EQ(allowed.status, 0) << allowed.err;
-    for (const char* piece : {"connection: Connected", "lxproxy", "\"sales\": authorized"}) {
-        EXPECT_NE(allowed.out.find(piece), std::string::npos) << allowed.out;
-    }
-    const auto refused = lxrepo.Run({"check", "--class", "secret"});
-    EXPECT_EQ(refused.status, 1) << refused.err;
-    EXPECT_NE(refused.out.find("\"secret\": not authorized"), std::string::npos) << refused.out;
 }
 
 } // namespace
