@@ -22,7 +22,7 @@ TEST(Bearer, TokensAreCheckedAtTheProviderAndTheProxyBringsItsOwn) {
     }
     servertest::TempDirectory files;
     const Deployment deployment(Way::Login, files.File("repo.sqlite"), {"Sales"});
-    const std::string service = deployment.Host().serviceUrl;
+    const std::string service = deployment.host.serviceUrl;
     // POST /identity/token with the client-credentials grant, through the service.
     const auto token = [&](const std::string& secret) {
         return Send(service, "/identity/token", "grant_type=client_credentials",
@@ -38,7 +38,9 @@ TEST(Bearer, TokensAreCheckedAtTheProviderAndTheProxyBringsItsOwn) {
         "Bearer " + nlohmann::json::parse(issued.body).at("access_token").get<std::string>();
     const servertest::Fields proxied = {
         {"lxclient", "desk 9"}, {"lxserver", service}, {"lxauth", "oauth"}};
-    ASSERT_EQ(Send(deployment.ProxyUrl(), servertest::WithQuery("/register", proxied)).status, 200);
+    ASSERT_EQ(
+        Send(deployment.proxyServer->Url(), servertest::WithQuery("/register", proxied)).status,
+        200);
     const struct {
         const char* name;
         std::string url;
@@ -54,7 +56,7 @@ TEST(Bearer, TokensAreCheckedAtTheProviderAndTheProxyBringsItsOwn) {
         {"an issued token", service, "/Import/Connect", bearer, 200, "lxrepo-proxy"},
         {"the same token again (answered from the cache)", service, "/Import/Connect", bearer, 200,
          "lxrepo-proxy"},
-        {"the proxy with its own token, naming the client", deployment.ProxyUrl(),
+        {"the proxy with its own token, naming the client", deployment.proxyServer->Url(),
          servertest::WithQuery("/forward/Import/Connect", proxied), "", 200, "desk 9"},
     };
     for (const auto& c : cases) {

@@ -1,8 +1,9 @@
 // The real lxrepo-server binary, service and its own proxy in one process with NTLM towards the
-// service, stopped in the middle of an import by SIGKILL (a crash) or SIGTERM (a clean stop),
-// then started again on the same file: every committed table is intact, the half-imported one
-// left no trace. The proxy part has no account of its own on the command line, so it
-// authenticates as NTLM_USER_FILE's, which it inherits.
+// service, under load: eight hosts import eight tables at once through the library (each its
+// own client object on its own thread) while a ninth stops before the End. Then it is stopped by
+// SIGKILL (a crash) or SIGTERM (a clean stop) and started again on the same file: every
+// committed table is intact, the half-imported one left no trace. The proxy part has no account
+// of its own on the command line, so it authenticates as NTLM_USER_FILE's, which it inherits.
 // GoogleTest comes first: cpprestsdk's function-like macro U() breaks its templates.
 #include <gtest/gtest.h>
 
@@ -10,6 +11,7 @@
 
 #include <csignal>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <sys/wait.h>
@@ -17,8 +19,19 @@
 namespace {
 
 using namespace e2e;
+using servertest::QueryRows;
+using servertest::Row;
 
-TEST(CrashRecovery, CommittedTablesSurviveAndHalfImportsVanish) {
+TEST(CrashRecovery, ConcurrentImportsCommitAndSurviveAndHalfImportsVanish) {
+    constexpr int kImporters = 9; // the last one stops before the End
+    std::vector<Table> tables;
+    std::vector<Row> committed;
+    for (int i = 0; i < kImporters; ++i) {
+        tables.push_back(GenerateTable("Ums\xC3\xA4tze " + std::to_string(i), i));
+        committed.push_back({tables.back().name});
+    }
+    committed.pop_back();
+    const std::string names = "select name from lxrepo_tables order by name";
     struct Case {
         const char* name;
         int signal;
@@ -36,26 +49,37 @@ TEST(CrashRecovery, CommittedTablesSurviveAndHalfImportsVanish) {
                 std::to_string(port), "--database", database, "--auth", "ntlm", "--ntlm-users",
                 directory.File("users"), "--proxy-allow", host.serviceUrl});
         };
-        const Table committed = GenerateTable("Committed");
         {
             auto server = start();
-            ASSERT_EQ(ImportThroughLibrary(host, committed).failure, "") << "case: " << c.name;
-            ASSERT_EQ(ImportThroughLibrary(host, GenerateTable("Half", 1), false).failure, "")
-                << "case: " << c.name;
+            std::vector<std::string> outcomes(kImporters, "never ran");
+            std::vector<std::thread> hosts;
+            for (int i = 0; i < kImporters; ++i) {
+                hosts.emplace_back([&, i] {
+                    outcomes[i] = ImportThroughLibrary(host, tables[i], i + 1 < kImporters).failure;
+                });
+            }
+            for (std::thread& thread : hosts) {
+                thread.join();
+            }
+            EXPECT_EQ(outcomes, std::vector<std::string>(kImporters, "")) << "case: " << c.name;
+            EXPECT_EQ(QueryRows(database, names), committed) << "case: " << c.name;
             const int status = server->Stop(c.signal);
             EXPECT_EQ(WIFEXITED(status) && WEXITSTATUS(status) == 0, c.exitsCleanly)
                 << "case: " << c.name;
         }
         auto restarted = start();
-        EXPECT_EQ(servertest::TableRows(database, "Committed"), ExpectedRows(committed))
+        for (int i = 0; i + 1 < kImporters; ++i) {
+            EXPECT_EQ(servertest::TableRows(database, tables[i].name), ExpectedRows(tables[i]))
+                << "case: " << c.name << ", " << tables[i].name;
+        }
+        EXPECT_EQ(QueryRows(database, names), committed) << "case: " << c.name;
+        EXPECT_EQ(QueryRows(database, "select name from sqlite_master where type = 'table' and "
+                                      "name <> 'lxrepo_tables' order by name"),
+                  committed)
             << "case: " << c.name;
-        EXPECT_EQ(servertest::QueryRows(database, "select name from lxrepo_tables"),
-                  std::vector<servertest::Row>{{"Committed"}})
-            << "case: " << c.name;
-        // The name of the lost import is free again; the committed one is not.
-        EXPECT_EQ(ImportThroughLibrary(host, GenerateTable("Half")).failure, "")
-            << "case: " << c.name;
-        EXPECT_EQ(ImportThroughLibrary(host, committed).failure, "CreateTable: 409")
+        // The name of the lost import is free again; a committed one is not.
+        EXPECT_EQ(ImportThroughLibrary(host, tables.back()).failure, "") << "case: " << c.name;
+        EXPECT_EQ(ImportThroughLibrary(host, tables[0]).failure, "CreateTable: 409")
             << "case: " << c.name;
     }
 }

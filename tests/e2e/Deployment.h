@@ -7,6 +7,7 @@
 
 #include "ServerFixture.h"
 #include "TableRepositoryImport.h"
+#include "client/TextConversion.h"
 #include "support/HostRecords.h"
 #include "support/OidcProvider.h"
 
@@ -65,10 +66,6 @@ public:
     // Whether this way can run here (the login needs node and the provider's packages).
     static bool Available(Way way);
 
-    const Endpoint& Host() const { return endpoint_; }
-    std::string ProxyUrl() const { return proxy_->Url(); }
-    std::string ImportedBy() const { return importedBy_; } // lxrepo_tables.imported_by
-    std::string Client() const { return client_; }         // lxrepo_tables.client
     // Status of the proxy's connect call for the host's client, as the proxy sees it now.
     int ProxyConnectStatus() const;
     // What went wrong in the browser's login, "" if nothing.
@@ -76,13 +73,15 @@ public:
 
 private:
     servertest::TempDirectory files_;
-    Endpoint endpoint_;
-    std::string importedBy_;
-    std::string client_;
     std::unique_ptr<testsupport::ChildProcess> provider_;
     std::unique_ptr<testsupport::LaunchedBrowser> browser_;
     std::unique_ptr<servertest::RunningServer> service_;
-    std::unique_ptr<servertest::RunningServer> proxy_;
+
+public:
+    std::unique_ptr<servertest::RunningServer> proxyServer;
+    Endpoint host;
+    std::string importedBy = "TESTDOM\\alice"; // lxrepo_tables.imported_by
+    std::string client = "TESTDOM\\alice";     // lxrepo_tables.client
 };
 
 // The host's connection to an lxrepo-server that is its own proxy and wants NTLM, at
@@ -91,8 +90,5 @@ Endpoint NtlmSelfProxy(unsigned short port);
 const char* NtlmServiceHost();
 // Writes the accounts an NTLM service accepts (alice, proxy) to path.
 void WriteNtlmUsers(const std::string& path);
-
-CString Wide(const std::string& utf8);
-std::string Utf8(const CString& text);
 
 } // namespace e2e

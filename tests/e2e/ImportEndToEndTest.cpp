@@ -34,10 +34,10 @@ TEST_P(ImportEndToEnd, EveryCellArrivesInTheSqlTable) {
     servertest::TempDirectory files;
     const std::string database = files.File("repo.sqlite");
     Deployment deployment(GetParam().way, database, {table.tableClass});
-    const Imported imported = ImportThroughLibrary(deployment.Host(), table);
+    const Imported imported = ImportThroughLibrary(deployment.host, table);
     EXPECT_EQ(deployment.BrowserFailure(), "");
-    EXPECT_EQ(Utf8(imported.connection.errorText), "");
-    EXPECT_EQ(Utf8(imported.connection.version), GetParam().version);
+    EXPECT_EQ(ToStringT(imported.connection.errorText), "");
+    EXPECT_EQ(ToStringT(imported.connection.version), GetParam().version);
     ASSERT_EQ(imported.failure, "");
     // The service's ids are the name, "#" and eight hex digits: a blank, non-ASCII text and a
     // "#" that every later path must carry encoded.
@@ -45,8 +45,8 @@ TEST_P(ImportEndToEnd, EveryCellArrivesInTheSqlTable) {
 
     EXPECT_EQ(deployment.ProxyConnectStatus(), 200);
     const auto unregistered =
-        imported.client->UnregisterFromAuthenticationProxy(deployment.Host().proxy);
-    EXPECT_EQ(Utf8(unregistered.message), "");
+        imported.client->UnregisterFromAuthenticationProxy(deployment.host.proxy);
+    EXPECT_EQ(ToStringT(unregistered.message), "");
     EXPECT_EQ(deployment.ProxyConnectStatus(), 401) << "the proxy still knows the client";
 
     std::vector<Row> columns;
@@ -57,11 +57,11 @@ TEST_P(ImportEndToEnd, EveryCellArrivesInTheSqlTable) {
                         "select name from pragma_table_info('" + table.name + "') order by cid"),
               columns);
     EXPECT_EQ(servertest::TableRows(database, table.name), ExpectedRows(table));
-    EXPECT_EQ(QueryRows(database, "select name, table_id, table_class, description, "
-                                  "record_count, imported_by, client from lxrepo_tables"),
-              (std::vector<Row>{{table.name, imported.id, table.tableClass, table.description,
-                                 std::to_string(table.rows), deployment.ImportedBy(),
-                                 deployment.Client()}}));
+    EXPECT_EQ(
+        QueryRows(database, "select name, table_id, table_class, description, "
+                            "record_count, imported_by, client from lxrepo_tables"),
+        (std::vector<Row>{{table.name, imported.id, table.tableClass, table.description,
+                           std::to_string(table.rows), deployment.importedBy, deployment.client}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -29,8 +29,9 @@ public:
     testsupport::Finished Run(std::vector<std::string> args, bool connect = true) const {
         args.insert(args.begin(), LXREPO_BINARY);
         if (connect) {
-            args.insert(args.end(), {"--server", deployment_.Host().serviceUrl, "--proxy",
-                                     deployment_.ProxyUrl(), "--client", deployment_.Client()});
+            args.insert(args.end(),
+                        {"--server", deployment_.host.serviceUrl, "--proxy",
+                         deployment_.proxyServer->Url(), "--client", deployment_.client});
         }
         return testsupport::RunToEnd(args);
     }
@@ -47,36 +48,31 @@ TEST(Lxrepo, TableInSqliteEqualsTheFileCellByCell) {
     const struct {
         const char* name;
         std::string csv;
-        std::vector<std::string> header;
-        std::vector<Row> rows; // nullopt: an empty cell
-        std::vector<int> types;
+        std::vector<Row> columns; // name and attribute type of each
+        std::vector<Row> rows;    // nullopt: an empty cell
     } cases[] = {
         {"quoted_fields",
          "id,comment\n1,\"a, b\"\n2,\"say \"\"hi\"\"\"\n3,plain\n10,\"a, b\"\n",
-         {"id", "comment"},
-         {{"1", "a, b"}, {"2", "say \"hi\""}, {"3", "plain"}, {"10", "a, b"}},
-         {1, 0}},
+         {{"id", "1"}, {"comment", "0"}},
+         {{"1", "a, b"}, {"2", "say \"hi\""}, {"3", "plain"}, {"10", "a, b"}}},
         {"line_breaks_and_crlf",
          "name,note\r\nx,\"two\r\nlines\"\r\ny,\"three\nlines\"\r\n x , \r\n",
-         {"name", "note"},
-         {{"x", "two\r\nlines"}, {"y", "three\nlines"}, {" x ", " "}},
-         {0, 0}},
+         {{"name", "0"}, {"note", "0"}},
+         {{"x", "two\r\nlines"}, {"y", "three\nlines"}, {" x ", " "}}},
         {"byte_order_mark_and_non_ascii",
          "\xEF\xBB\xBF"
          "city,amount\nZ\xC3\xBCrich,12.50\n\xE6\x9D\xB1\xE4\xBA\xAC,3\nS\xC3\xA3o Paulo,-0.5\n",
-         {"city", "amount"},
+         {{"city", "0"}, {"amount", "2"}},
          {{"Z\xC3\xBCrich", "12.50"},
           {"\xE6\x9D\xB1\xE4\xBA\xAC", "3"},
-          {"S\xC3\xA3o Paulo", "-0.5"}},
-         {0, 2}},
+          {"S\xC3\xA3o Paulo", "-0.5"}}},
         {"empty_cells_dates_no_final_line_end",
          "day,qty,label,code\n2024-01-31,,a,007\n,7,,2023-02-29\n2024-02-29,8,a,1\n,,,",
-         {"day", "qty", "label", "code"},
+         {{"day", "3"}, {"qty", "1"}, {"label", "0"}, {"code", "0"}},
          {{"2024-01-31", kEmpty, "a", "007"},
           {kEmpty, "7", kEmpty, "2023-02-29"},
           {"2024-02-29", "8", "a", "1"},
-          {kEmpty, kEmpty, kEmpty, kEmpty}},
-         {3, 1, 0, 0}},
+          {kEmpty, kEmpty, kEmpty, kEmpty}}},
     };
     const Lxrepo lxrepo;
     for (const auto& c : cases) {
@@ -86,26 +82,17 @@ TEST(Lxrepo, TableInSqliteEqualsTheFileCellByCell) {
         ASSERT_EQ(run.status, 0) << "case: " << c.name << "\n" << run.err;
         const auto summary = nlohmann::json::parse(run.out);
         EXPECT_EQ(summary["rows"], c.rows.size()) << "case: " << c.name;
-        EXPECT_EQ(summary["attributes"], c.header.size()) << "case: " << c.name;
+        EXPECT_EQ(summary["attributes"], c.columns.size()) << "case: " << c.name;
         EXPECT_EQ(summary["table"], c.name) << "case: " << c.name;
-        std::vector<Row> header;
-        for (const std::string& name : c.header) {
-            header.push_back({name});
-        }
-        EXPECT_EQ(QueryRows(lxrepo.Database(),
-                            "select name from pragma_table_info('" + std::string(c.name) + "')"),
-                  header)
-            << "case: " << c.name;
         EXPECT_EQ(servertest::TableRows(lxrepo.Database(), c.name), c.rows) << "case: " << c.name;
-        const auto document =
-            QueryRows(lxrepo.Database(), "select attributes from lxrepo_tables where table_id = '" +
-                                             summary["tableId"].get<std::string>() + "'");
-        ASSERT_EQ(document.size(), 1u) << "case: " << c.name;
-        std::vector<int> types;
-        for (const auto& attribute : nlohmann::json::parse(*document[0][0])) {
-            types.push_back(attribute["Type"]);
-        }
-        EXPECT_EQ(types, c.types) << "case: " << c.name;
+        // The SQL table's columns with the types of the catalogue's attribute document.
+        EXPECT_EQ(
+            QueryRows(lxrepo.Database(),
+                      "select p.name, json_extract(t.attributes, '$[' || p.cid || '].Type') "
+                      "from lxrepo_tables t, pragma_table_info(t.name) p where t.table_id = '" +
+                          summary["tableId"].get<std::string>() + "' order by p.cid"),
+            c.columns)
+            << "case: " << c.name;
     }
 }
 
