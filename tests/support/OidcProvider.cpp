@@ -3,6 +3,7 @@
 #include "HttpClient.h"
 #include "Url.h"
 
+#include <cwchar>
 #include <filesystem>
 #include <stdexcept>
 #include <vector>
@@ -21,19 +22,14 @@ std::vector<std::string> NodeCommand() {
     return {"node", (dir / "provider.mjs").string(), "0"};
 }
 
-// The request-target of an absolute http URL: everything from the first '/' after the host.
-std::string TargetOf(const std::string& url) {
-    const std::size_t slash = url.find('/', 7);
-    return slash == std::string::npos ? "/" : url.substr(slash);
-}
-
+// A GET of an http URL with a path, carrying one header.
 lxrepo::Response HttpGet(const std::string& url, const std::string& header,
                          const std::string& value) {
     const auto base = lxrepo::ParseBaseUrl(url);
     if (!base) {
         throw std::invalid_argument("not an http URL: " + url);
     }
-    lxrepo::Request request(lxrepo::http::verb::get, TargetOf(url), 11);
+    lxrepo::Request request(lxrepo::http::verb::get, url.substr(url.find('/', 7)), 11);
     request.set(header, value);
     return lxrepo::SendOnce(*base, request);
 }
@@ -58,29 +54,19 @@ BrowserPage TestBrowser::Get(const std::string& url) {
     }
     const auto response = HttpGet(url, "Cookie", cookieHeader);
     for (const auto& field : response.base()) {
-        if (field.name() != lxrepo::http::field::set_cookie) {
-            continue;
-        }
-        const std::string cookie(field.value().substr(0, field.value().find(';')));
-        const std::size_t equals = cookie.find('=');
-        const std::string value = equals == std::string::npos ? "" : cookie.substr(equals + 1);
-        if (value.empty()) {
-            cookies_.erase(cookie.substr(0, equals)); // how a server deletes a cookie
-        } else {
-            cookies_[cookie.substr(0, equals)] = value;
+        if (field.name() == lxrepo::http::field::set_cookie) {
+            const std::string cookie(field.value().substr(0, field.value().find(';')));
+            const std::size_t equals = cookie.find('=');
+            cookies_[cookie.substr(0, equals)] = cookie.substr(equals + 1);
         }
     }
-    BrowserPage page{static_cast<int>(response.result_int()), url, "", response.body()};
-    const std::string location(response[lxrepo::http::field::location]);
-    if (page.status >= 300 && page.status < 400 && !location.empty()) {
-        const std::string origin = url.substr(0, url.find('/', 7));
-        const std::string path = lxrepo::SplitTarget(TargetOf(url)).path;
-        page.location = location.rfind("http://", 0) == 0 ? location
-                        : location[0] == '/'
-                            ? origin + location
-                            : origin + path.substr(0, path.rfind('/') + 1) + location;
+    // The provider's redirects name an absolute address or an absolute path.
+    std::string location(response[lxrepo::http::field::location]);
+    if (location.rfind('/', 0) == 0) {
+        location = url.substr(0, url.find('/', 7)) + location;
     }
-    return page;
+    const int status = static_cast<int>(response.result_int());
+    return {status, url, status / 100 == 3 ? location : "", response.body()};
 }
 
 BrowserPage TestBrowser::Visit(const std::string& url) {
@@ -100,10 +86,7 @@ std::map<std::string, std::string> QueryFields(const std::string& url) {
 int LaunchedBrowser::Launch(const wchar_t* url, void* self) {
     auto* browser = static_cast<LaunchedBrowser*>(self);
     browser->Finish();
-    browser->url.clear();
-    for (const wchar_t* c = url; *c != L'\0'; ++c) {
-        browser->url += static_cast<char>(*c); // an authorization URL is ASCII
-    }
+    browser->url.assign(url, url + std::wcslen(url)); // an authorization URL is ASCII
     if (!browser->starts_) {
         return 0;
     }
