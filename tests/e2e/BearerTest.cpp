@@ -61,9 +61,7 @@ TEST(Bearer, TokensAreCheckedAtTheProviderAndTheProxyBringsItsOwn) {
     };
     for (const auto& c : cases) {
         const Answer answer =
-            Send(c.url, c.target, std::nullopt,
-                 c.authorization.empty() ? servertest::Fields{}
-                                         : servertest::Fields{{"Authorization", c.authorization}});
+            Send(c.url, c.target, std::nullopt, {{"Authorization", c.authorization}});
         EXPECT_EQ(answer.status, c.status) << "case: " << c.name << ": " << answer.body;
         if (c.status == 401) {
             EXPECT_EQ(answer.wwwAuthenticate.rfind("Bearer", 0), 0u) << "case: " << c.name;

@@ -41,13 +41,13 @@ TEST(CrashRecovery, ConcurrentImportsCommitAndSurviveAndHalfImportsVanish) {
         servertest::TempDirectory directory;
         const std::string database = directory.File("repo.sqlite");
         WriteNtlmUsers(directory.File("users"));
-        const unsigned short port = testsupport::FreePort(NtlmServiceHost());
+        const unsigned short port = testsupport::FreePort(kNtlmServiceHost);
         const Endpoint host = NtlmSelfProxy(port);
         const auto start = [&] {
             return std::make_unique<testsupport::ChildProcess>(std::vector<std::string>{
-                LXREPO_SERVER_BINARY, "--address", NtlmServiceHost(), "--port",
-                std::to_string(port), "--database", database, "--auth", "ntlm", "--ntlm-users",
-                directory.File("users"), "--proxy-allow", host.serviceUrl});
+                LXREPO_SERVER_BINARY, "--address", kNtlmServiceHost, "--port", std::to_string(port),
+                "--database", database, "--auth", "ntlm", "--ntlm-users", directory.File("users"),
+                "--proxy-allow", host.serviceUrl});
         };
         {
             auto server = start();

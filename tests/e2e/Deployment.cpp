@@ -17,9 +17,6 @@ namespace {
 constexpr long kChunk = 4; // rows or distinct values per request
 constexpr int kRows = 30;
 
-// The library skips the NTLM handshake for 127.0.0.1 and localhost, so a service that wants NTLM
-// stands on another loopback address, as a service on another machine would.
-const char kNtlmServiceHost[] = "127.0.0.2";
 const char kAlicePassword[] = "Alice-Password-1";
 const char kProxyPassword[] = "Proxy-Password-2";
 const char kClientName[] = "Desk \xC3\xBC 7";
@@ -143,8 +140,6 @@ Imported ImportThroughLibrary(const Endpoint& endpoint, const Table& table, bool
     }();
     return result;
 }
-
-const char* NtlmServiceHost() { return kNtlmServiceHost; }
 
 void WriteNtlmUsers(const std::string& path) {
     std::ofstream(path) << "TESTDOM:alice:" << kAlicePassword

@@ -85,9 +85,11 @@ public:
 };
 
 // The host's connection to an lxrepo-server that is its own proxy and wants NTLM, at
-// http://<NtlmServiceHost()>:port.
+// http://<kNtlmServiceHost>:port. The library skips the NTLM handshake for 127.0.0.1 and
+// localhost, so a service that wants NTLM stands on another loopback address, as a service on
+// another machine would.
 Endpoint NtlmSelfProxy(unsigned short port);
-const char* NtlmServiceHost();
+inline constexpr char kNtlmServiceHost[] = "127.0.0.2";
 // Writes the accounts an NTLM service accepts (alice, proxy) to path.
 void WriteNtlmUsers(const std::string& path);
 

@@ -37,70 +37,57 @@ protected:
     std::unique_ptr<RunningServer> proxy;
 };
 
-TEST_F(Proxy, ConnectNeedsARegisteredClientAndAnAllowedServer) {
+// Connect and forward for "desk \xC3\xBC", registered, and "gone", registered and unregistered.
+TEST_F(Proxy, ConnectAndForwardNeedARegisteredClientAndAnAllowedServer) {
     const std::string desk = "desk \xC3\xBC";
-    const struct {
-        const char* name;
-        bool registered;
-        bool unregistered;
-        std::string server;
-        std::string auth;
-        int status;
-    } cases[] = {
-        {"registered, allowed", true, false, service.Url(), "windows", 200},
-        {"never registered", false, false, service.Url(), "windows", 401},
-        {"registered, then unregistered", true, true, service.Url(), "windows", 401},
-        {"server not allowed", true, false, "http://127.0.0.1:1", "windows", 401},
-        {"unknown authentication kind", true, false, service.Url(), "basic", 400},
-    };
-    for (const auto& c : cases) {
-        Call("/unregister", {{"lxclient", desk}});
-        if (c.registered) {
-            ASSERT_EQ(Call("/register", {{"lxclient", desk}, {"lxserver", service.Url()}}).status,
-                      200);
-        }
-        if (c.unregistered) {
-            ASSERT_EQ(Call("/unregister", {{"lxclient", desk}}).status, 200);
-        }
-        const Answer answer = Call("/connect", Via(desk, c.server, c.auth));
-        EXPECT_EQ(answer.status, c.status) << "case: " << c.name << ": " << answer.body;
+    for (const char* client : {"desk \xC3\xBC", "gone"}) {
+        ASSERT_EQ(Call("/register", {{"lxclient", client}, {"lxserver", service.Url()}}).status,
+                  200);
     }
-}
-
-TEST_F(Proxy, ForwardRelaysTheServiceAnswersAndRefusesOthers) {
-    ASSERT_EQ(Call("/register", {{"lxclient", "desk"}, {"lxserver", service.Url()}}).status, 200);
+    ASSERT_EQ(Call("/unregister", {{"lxclient", "gone"}}).status, 200);
+    const std::string forward = "/forward/Import/Tables";
     const struct {
         const char* name;
+        std::string path;
         Fields query;
-        std::string body;
+        std::optional<std::string> body;
         int status;
         const char* errorPart;
     } cases[] = {
-        {"service's 201", Via("desk", service.Url()),
+        {"connect", "/connect", Via(desk, service.Url()), std::nullopt, 200, ""},
+        {"connect, never registered", "/connect", Via("intruder", service.Url()), std::nullopt, 401,
+         "not registered"},
+        {"connect, unregistered", "/connect", Via("gone", service.Url()), std::nullopt, 401, ""},
+        {"connect, server not allowed", "/connect", Via(desk, "http://127.0.0.1:1"), std::nullopt,
+         401, ""},
+        {"connect, unknown authentication kind", "/connect", Via(desk, service.Url(), "basic"),
+         std::nullopt, 400, ""},
+        {"service's 201", forward, Via(desk, service.Url()),
          R"({"recordCount":1,"tableClass":"c","tableDescription":"","tableName":"F","tableOverwrite":false})",
          201, ""},
-        {"service's 400 with its message", Via("desk", service.Url()), "{\"tableName\":", 400,
-         "malformed JSON"},
-        {"server not on the allow-list", Via("desk", "http://127.0.0.1:9"), "{}", 403,
+        {"service's 400 with its message", forward, Via(desk, service.Url()),
+         "{\"tableName\":", 400, "malformed JSON"},
+        {"server not on the allow-list", forward, Via(desk, "http://127.0.0.1:9"), "{}", 403,
          "does not forward to http://127.0.0.1:9"},
-        {"allowed host, other port", Via("desk", proxy->Url()), "{}", 403, "does not forward"},
-        {"unregistered client", Via("intruder", service.Url()), "{}", 401, "not registered"},
-        {"lxserver not a URL", Via("desk", "repository"), "{}", 400, "http:// URL"},
-        {"oauth without a configured OpenID client", Via("desk", service.Url(), "oauth"), "{}", 502,
-         "no OpenID client"},
-        {"no proxy parameters", {}, "{}", 400, "lxclient"},
+        {"allowed host, other port", forward, Via(desk, proxy->Url()), "{}", 403,
+         "does not forward"},
+        {"unregistered client", forward, Via("gone", service.Url()), "{}", 401, "not registered"},
+        {"lxserver not a URL", forward, Via(desk, "repository"), "{}", 400, "http:// URL"},
+        {"oauth without a configured OpenID client", forward, Via(desk, service.Url(), "oauth"),
+         "{}", 502, "no OpenID client"},
+        {"no proxy parameters", forward, {}, "{}", 400, "lxclient"},
+        {"a proxy has no import paths", "/Import/Connect", {}, std::nullopt, 404, ""},
     };
     for (const auto& c : cases) {
-        const Answer answer =
-            Send(proxy->Url(), WithQuery("/forward/Import/Tables", c.query), c.body);
+        const Answer answer = Send(proxy->Url(), WithQuery(c.path, c.query), c.body);
         EXPECT_EQ(answer.status, c.status) << "case: " << c.name << ": " << answer.body;
         EXPECT_EQ(answer.contentType.rfind("application/json", 0), 0u) << "case: " << c.name;
+        EXPECT_EQ(answer.Error().empty(), c.status < 400) << "case: " << c.name;
         EXPECT_NE(answer.Error().find(c.errorPart), std::string::npos)
             << "case: " << c.name << ": " << answer.body;
     }
-    // Each role serves only its own paths.
-    EXPECT_EQ(Send(proxy->Url(), "/Import/Connect").status, 404);
-    EXPECT_EQ(Send(service.Url(), WithQuery("/register", Via("desk", service.Url()))).status, 404);
+    // A service has no proxy paths.
+    EXPECT_EQ(Send(service.Url(), WithQuery("/register", Via(desk, service.Url()))).status, 404);
 }
 
 // The service gets its own query parameters as they came, without the proxy's, and the client's

@@ -33,9 +33,7 @@ TempDirectory::~TempDirectory() {
 }
 
 lxrepo::ServerOptions DefaultOptions(const std::string& database, lxrepo::Role role) {
-    lxrepo::ServerOptions options;
-    options.http.address = "127.0.0.1";
-    options.http.port = 0;
+    lxrepo::ServerOptions options; // on 127.0.0.1, port 0
     options.database = database;
     options.role = role;
     return options;
@@ -66,7 +64,9 @@ Answer Send(const std::string& url, const std::string& target,
         request.body() = *body;
     }
     for (const auto& [name, value] : headers) {
-        request.set(name, value);
+        if (!value.empty()) {
+            request.set(name, value);
+        }
     }
     const lxrepo::Response answer = lxrepo::SendOnce(*lxrepo::ParseBaseUrl(url), request);
     return {static_cast<int>(answer.result_int()), answer.body(),
@@ -76,24 +76,22 @@ Answer Send(const std::string& url, const std::string& target,
 
 std::vector<Row> QueryRows(const std::string& database, const std::string& sql) {
     sqlite3* db = nullptr;
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK ||
-        sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
-        const std::string message = sqlite3_errmsg(db);
-        sqlite3_close(db);
+    sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
+    std::vector<Row> rows;
+    const auto collect = [](void* out, int count, char** values, char**) {
+        Row& row = static_cast<std::vector<Row>*>(out)->emplace_back();
+        for (int c = 0; c < count; ++c) {
+            row.push_back(values[c] == nullptr ? std::nullopt
+                                               : std::optional<std::string>(values[c]));
+        }
+        return 0;
+    };
+    const bool done = sqlite3_exec(db, sql.c_str(), collect, &rows, nullptr) == SQLITE_OK;
+    const std::string message = sqlite3_errmsg(db);
+    sqlite3_close(db);
+    if (!done) {
         throw std::runtime_error(database + ": " + message);
     }
-    std::vector<Row> rows;
-    while (sqlite3_step(statement) == SQLITE_ROW) {
-        Row row;
-        for (int c = 0; c < sqlite3_column_count(statement); ++c) {
-            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, c));
-            row.push_back(text == nullptr ? std::nullopt : std::optional<std::string>(text));
-        }
-        rows.push_back(std::move(row));
-    }
-    sqlite3_finalize(statement);
-    sqlite3_close(db);
     return rows;
 }
 

@@ -26,7 +26,7 @@ private:
     std::string path_;
 };
 
-// Options for a server on 127.0.0.1, port 0, with the given database and role.
+// Options for a server on 127.0.0.1, any free port, with the given database and role.
 lxrepo::ServerOptions DefaultOptions(const std::string& database,
                                      lxrepo::Role role = lxrepo::Role::Both);
 
@@ -59,7 +59,7 @@ using Fields = std::vector<std::pair<std::string, std::string>>;
 std::string WithQuery(const std::string& path, const Fields& query);
 
 // One request on a connection of its own: a POST of the body (as JSON unless the headers name
-// another type) or, without one, a GET.
+// another type) or, without one, a GET. Headers without a value are left out.
 Answer Send(const std::string& url, const std::string& target,
             const std::optional<std::string>& body = std::nullopt, const Fields& headers = {});
 
