@@ -68,8 +68,6 @@ public:
 
     // Status of the proxy's connect call for the host's client, as the proxy sees it now.
     int ProxyConnectStatus() const;
-    // What went wrong in the browser's login, "" if nothing.
-    std::string BrowserFailure() { return browser_ ? browser_->Finish() : ""; }
 
 private:
     servertest::TempDirectory files_;
