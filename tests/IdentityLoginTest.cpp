@@ -16,7 +16,6 @@
 
 namespace {
 
-using testsupport::BrowserPage;
 using testsupport::QueryFields;
 
 std::string Filled(std::string text, const std::string& key, const std::string& value) {
@@ -28,16 +27,16 @@ std::string Filled(std::string text, const std::string& key, const std::string& 
 // that target ("{state}" is the login's state, "{code}" a code the provider gave for it, found by
 // following the provider's pages up to the listener); then, for "allow" or "deny", it logs in at
 // the provider and allows or refuses the login. Returns the pages the listener answered.
-std::vector<BrowserPage> Play(const std::string& url, const std::string& first,
-                              const std::string& decision) {
+std::vector<testsupport::BrowserPage> Play(const std::string& url, const std::string& first,
+                                           const std::string& decision) {
     testsupport::TestBrowser browser(decision == "deny" ? "deny" : "allow");
     const auto query = QueryFields(url);
     const std::string redirect = query.at("redirect_uri");
-    std::vector<BrowserPage> pages;
+    std::vector<testsupport::BrowserPage> pages;
     if (!first.empty()) {
         std::string target = Filled(first, "{state}", query.at("state"));
         if (target.find("{code}") != std::string::npos) {
-            BrowserPage page = browser.Get(url);
+            auto page = browser.Get(url);
             while (page.location.rfind(redirect, 0) != 0) {
                 page = browser.Get(page.location);
             }
@@ -112,7 +111,7 @@ TEST(IdentityLogin, EndsAsTheBrowserDecides) {
                 if (c.providerStops) {
                     provider.Stop();
                 }
-                for (const BrowserPage& page : Play(url, c.first, c.decision)) {
+                for (const auto& page : Play(url, c.first, c.decision)) {
                     const std::size_t p = page.body.find("<p>") + 3;
                     pages += (pages.empty() ? "" : " ") + std::to_string(page.status) + " " +
                              page.body.substr(p, page.body.find("</p>") - p);

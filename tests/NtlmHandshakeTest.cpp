@@ -138,7 +138,6 @@ TEST(NtlmHandshake, NegotiateThenAuthenticateOnOneConnectionWithTheRequestWholeO
         const auto requests = service.server.Requests();
         EXPECT_EQ(Legs(requests), "1+3") << "case: " << c.name;
         for (const auto& leg : requests) {
-            EXPECT_EQ(leg.HeaderCount("Authorization"), 1u) << "case: " << c.name;
             EXPECT_EQ(leg.method + " " + leg.path, c.method + std::string(" /Import/Tables"))
                 << "case: " << c.name;
             EXPECT_TRUE(leg.body == (c.body == "0" ? "" : c.body))

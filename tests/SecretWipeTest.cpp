@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <new>
 #include <string>
 
@@ -52,14 +53,14 @@ void operator delete[](void* p, std::size_t) noexcept { ::operator delete(p); }
 
 namespace {
 
-// Counts the blocks freed with the secret in them while it lives.
-struct SecretScan {
-    explicit SecretScan(const std::wstring& secret) {
-        g_blocksWithSecret = 0;
-        g_secret = &secret;
-    }
-    ~SecretScan() { g_secret = nullptr; }
-};
+// How many blocks were freed with the secret in them while action ran.
+int BlocksFreedWithSecret(const std::wstring& secret, const std::function<void()>& action) {
+    g_blocksWithSecret = 0;
+    g_secret = &secret;
+    action();
+    g_secret = nullptr;
+    return g_blocksWithSecret;
+}
 
 TEST(SecretWipe, TokenIsWipedWhenItIsReplacedAndWhenTheSettingsAreFreed) {
     // Long enough to live on the heap, not inside the string object.
@@ -67,14 +68,11 @@ TEST(SecretWipe, TokenIsWipedWhenItIsReplacedAndWhenTheSettingsAreFreed) {
     const std::wstring second(L"eyJhbGciOiJSUzI1NiJ9.second-token-that-is-longer-than-the-first");
     auto* settings = new AuthenticationSettings;
     ReplaceSecret(settings->accessToken, first);
-    {
-        const SecretScan scan(first);
-        ReplaceSecret(settings->accessToken, second);
-        EXPECT_EQ(g_blocksWithSecret.load(), 0) << "the replaced token was freed unwiped";
-    }
-    const SecretScan scan(second);
-    delete settings;
-    EXPECT_EQ(g_blocksWithSecret.load(), 0) << "the token was freed unwiped";
+    EXPECT_EQ(BlocksFreedWithSecret(first, [&] { ReplaceSecret(settings->accessToken, second); }),
+              0)
+        << "the replaced token was freed unwiped";
+    EXPECT_EQ(BlocksFreedWithSecret(second, [&] { delete settings; }), 0)
+        << "the token was freed unwiped";
 }
 
 } // namespace

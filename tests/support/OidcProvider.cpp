@@ -36,8 +36,7 @@ lxrepo::Response HttpGet(const std::string& url, const std::string& header,
 
 } // namespace
 
-OidcProvider::OidcProvider()
-    : node_(std::make_unique<ChildProcess>(NodeCommand())), port_(node_->Port()) {}
+OidcProvider::OidcProvider() : node_(std::make_unique<ChildProcess>(NodeCommand())) {}
 
 int OidcProvider::ConnectStatus(const std::string& accessToken) const {
     return static_cast<int>(

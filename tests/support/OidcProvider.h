@@ -26,8 +26,8 @@ public:
     // Ends the node process; the port no longer answers afterwards.
     void Stop() { node_->Stop(SIGTERM); }
 
-    unsigned short Port() const { return port_; }
-    std::string BaseUrl() const { return "http://127.0.0.1:" + std::to_string(port_); }
+    unsigned short Port() const { return node_->Port(); }
+    std::string BaseUrl() const { return "http://127.0.0.1:" + std::to_string(Port()); }
     std::string IdentityUrl() const { return BaseUrl() + "/identity"; } // the issuer
 
     // Status of GET /Import/Connect with "Authorization: Bearer <accessToken>": 200 when the
@@ -36,7 +36,6 @@ public:
 
 private:
     std::unique_ptr<ChildProcess> node_;
-    unsigned short port_ = 0;
 };
 
 struct BrowserPage {
