@@ -5,6 +5,7 @@
 
 #include "e2e/Deployment.h"
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,8 @@ struct WayCase {
     Way way;
     const char* version; // what the proxy reports
 };
+
+void PrintTo(const WayCase& c, std::ostream* os) { *os << c.name; }
 
 class ImportEndToEnd : public ::testing::TestWithParam<WayCase> {};
 
