@@ -17,22 +17,20 @@
 
 namespace testsupport {
 
-// Every host call of a test, in order, and the threads they came on. The library may call the
+// Every host call of a test, in order, and the threads they came on: the library may call the
 // readers on a worker thread.
 class HostLog {
 public:
-    // Notes the call; throws std::runtime_error("boom") if it is the one named by failOn.
+    // "Prepare", "GetValue(3)", "CopyValue(3)", "GetName(a)", "GetValueIds(a)", "GetValueId(a,3)";
+    // throws std::runtime_error("boom") if it is the one named by failOn.
     void Note(const std::string& what) {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_names.push_back(what);
-            m_threads.insert(std::this_thread::get_id());
-        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_names.push_back(what);
+        m_threads.insert(std::this_thread::get_id());
         if (what == failOn) {
             throw std::runtime_error("boom");
         }
     }
-    // "Prepare", "GetValue(3)", "CopyValue(3)", "GetName(a)", "GetValueIds(a)", "GetValueId(a,3)"
     std::vector<std::string> Names() const {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_names;
@@ -123,39 +121,33 @@ private:
 class HostDefinitions {
 public:
     DesktopAttributeDTO& Add(const CString& name) {
-        auto* attribute = Own(new DesktopAttributeDTO);
-        attribute->AttributeName = name;
-        m_list.AddTail(attribute);
-        return *attribute;
+        DesktopAttributeDTO& attribute = Append(m_list);
+        attribute.AttributeName = name;
+        return attribute;
     }
-    DesktopValueRangeDTO& AddRange(DesktopAttributeDTO& attribute, int op, const CString& threshold,
-                                   const std::vector<CString>& valueSet, const CString& className,
-                                   BOOL unmodified) {
-        auto* range = Own(new DesktopValueRangeDTO);
-        range->Operator = op;
-        range->StringThreshold = threshold;
+    void AddRange(DesktopAttributeDTO& attribute, int op, const CString& threshold,
+                  const std::vector<CString>& valueSet, const CString& className, BOOL unmodified) {
+        DesktopValueRangeDTO& range = Append(attribute.ValueRanges);
+        range.Operator = op;
+        range.StringThreshold = threshold;
         for (const CString& value : valueSet) {
-            range->ValueSet.AddTail(value);
+            range.ValueSet.AddTail(value);
         }
-        range->ClassName = className;
-        range->Unmodified = unmodified;
-        attribute.ValueRanges.AddTail(range);
-        return *range;
+        range.ClassName = className;
+        range.Unmodified = unmodified;
     }
-    DesktopCaseDTO& AddCase(DesktopAttributeDTO& attribute, const CString& condition,
-                            const CString& name) {
-        auto* c = Own(new DesktopCaseDTO);
-        c->Condition = condition;
-        c->CaseName = name;
-        attribute.Cases.AddTail(c);
-        return *c;
+    void AddCase(DesktopAttributeDTO& attribute, const CString& condition, const CString& name) {
+        DesktopCaseDTO& c = Append(attribute.Cases);
+        c.Condition = condition;
+        c.CaseName = name;
     }
     CList<DesktopAttributeDTO*>* List() { return &m_list; }
 
 private:
-    template <class Record> Record* Own(Record* record) {
-        m_records.emplace_back(record);
-        return record;
+    template <class Record> Record& Append(CList<Record*>& list) {
+        m_records.emplace_back(new Record);
+        list.AddTail(static_cast<Record*>(m_records.back().get()));
+        return *list.GetTail();
     }
     std::vector<std::unique_ptr<CObject>> m_records;
     CList<DesktopAttributeDTO*> m_list;
