@@ -10,6 +10,8 @@
 #include "support/OidcProvider.h"
 #include "support/Thrown.h"
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <cpprest/http_client.h>
 
 #include <chrono>
@@ -17,6 +19,7 @@
 namespace {
 
 using testsupport::QueryFields;
+using tcp = boost::asio::ip::tcp;
 
 std::string Filled(std::string text, const std::string& key, const std::string& value) {
     const std::size_t at = text.find(key);
@@ -56,10 +59,10 @@ TEST(IdentityLogin, EndsAsTheBrowserDecides) {
         std::string first;    // what the browser calls the listener with first, "" for nothing
         std::string decision; // "allow", "deny", "" (the user looks elsewhere), "cannot start"
         int resultType;
-        std::string error;         // "{identity}" stands for the identity address
-        std::string pages;         // status and sentence of each page the listener answered
-        std::string identity = ""; // "" for the provider's; "{provider}" is its address
-        std::string secret = "";   // "" for the client's own
+        std::string error; // "{identity}" stands for the identity address
+        std::string pages; // status and sentence of each page the listener answered
+        std::string identity = "{provider}/identity"; // "{provider}" is its address
+        std::string secret = "";                      // "" for the client's own
         testsupport::Thrown thrown = testsupport::kNothing;
         bool providerStops = false; // before the browser calls the listener
     };
@@ -76,8 +79,8 @@ TEST(IdentityLogin, EndsAsTheBrowserDecides) {
          "", "400 This page belongs to no login in progress. " + done},
         {"favicon before the answer", "/favicon.ico", "allow", 0, "",
          "404 There is nothing here. " + done},
-        {"wrong client secret", "", "allow", 1, "client authentication failed", failed, "",
-         "0123456789abcdef0123456789abcdef"},
+        {"wrong client secret", "", "allow", 1, "client authentication failed", failed,
+         "{provider}/identity", "0123456789abcdef0123456789abcdef"},
         {"error without description", callback + "error=temporarily_unavailable", "", 1,
          "temporarily_unavailable", failed},
         {"the identity server refuses the code", callback + "code=forged", "", 1,
@@ -97,14 +100,12 @@ TEST(IdentityLogin, EndsAsTheBrowserDecides) {
          "http://127.0.0.1:" + std::to_string(testsupport::FreePort()), "", refused},
         // Last: it stops the provider.
         {"identity server gone before the code is redeemed", callback + "code=any", "", 0, "",
-         failed, "", "", refused, true},
+         failed, "{provider}/identity", "", refused, true},
     };
     testsupport::OidcProvider provider;
     std::map<std::string, std::string> previous;
     for (const Case& c : cases) {
-        const std::string identity = c.identity.empty()
-                                         ? provider.IdentityUrl()
-                                         : Filled(c.identity, "{provider}", provider.BaseUrl());
+        const std::string identity = Filled(c.identity, "{provider}", provider.BaseUrl());
         std::string pages;
         testsupport::LaunchedBrowser browser(
             [&](const std::string& url) {
@@ -146,38 +147,40 @@ TEST(IdentityLogin, EndsAsTheBrowserDecides) {
             << "case: " << c.name;
         EXPECT_EQ(pages, c.pages) << "case: " << c.name;
         // Without an identity server's document no browser opens.
-        EXPECT_EQ(browser.url.empty(), !c.identity.empty()) << "case: " << c.name;
+        EXPECT_EQ(browser.url.empty(), identity != provider.IdentityUrl()) << "case: " << c.name;
         if (browser.url.empty()) {
             continue;
         }
         // The provider holds the authorization request to its rules (client, redirect address,
         // S256 challenge of the verifier); a state and challenge of its own every time remain,
-        // and the listener is gone once the login has ended.
+        // and the listener is gone once the login has ended: its port can be bound again at once,
+        // though the browser's connections to it wait out TIME_WAIT there.
         const auto query = QueryFields(browser.url);
         EXPECT_GE(query.at("state").size(), 22u) << "case: " << c.name;
         EXPECT_NE(query.at("state"), previous["state"]) << "case: " << c.name;
         EXPECT_NE(query.at("code_challenge"), previous["code_challenge"]) << "case: " << c.name;
-        EXPECT_ANY_THROW(testsupport::TestBrowser("").Get(query.at("redirect_uri")))
-            << "case: " << c.name;
+        boost::asio::io_context io;
+        tcp::acceptor rebind(io, tcp::v4());
+        rebind.set_option(tcp::acceptor::reuse_address(true));
+        boost::system::error_code error;
+        const auto port = std::stoi(query.at("redirect_uri").substr(17));
+        rebind.bind({boost::asio::ip::address_v4::loopback(), static_cast<unsigned short>(port)},
+                    error);
+        EXPECT_FALSE(error) << "case: " << c.name << ": " << error.message();
         previous = query;
     }
 }
 
 TEST(Pkce, Base64UrlWithoutPaddingAndTheS256ChallengeOfTheRfcExample) {
-    struct Case {
-        std::vector<unsigned char> bytes;
-        std::string text;
-    };
-    const Case cases[] = {
+    const std::pair<std::vector<unsigned char>, std::string> cases[] = {
         {{}, ""},
         {{'f'}, "Zg"},
         {{'f', 'o'}, "Zm8"},
         {{'f', 'o', 'o'}, "Zm9v"},
         {{0xfb, 0xff, 0xbf}, "-_-_"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Base64UrlWithoutPadding(c.bytes.data(), c.bytes.size()), c.text)
-            << "case: " << c.text;
+    for (const auto& [bytes, text] : cases) {
+        EXPECT_EQ(Base64UrlWithoutPadding(bytes.data(), bytes.size()), text) << "case: " << text;
     }
     // RFC 7636 appendix B.
     EXPECT_EQ(CodeChallengeS256("dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk"),

@@ -35,12 +35,11 @@ public:
         config.connectPath = L"/connect";
         config.clientName = L"test-client";
         m_client->RegisterWithAuthenticationProxy(config);
-        const bool proxy = by == ConnectedBy::Proxy;
-        const std::string version = proxy ? "1.0.0-lxproxy-2.1" : "1.0.0";
+        const std::string version = by == ConnectedBy::Proxy ? "1.0.0-lxproxy-2.1" : "1.0.0";
         const std::string body = "{\"version\":\"" + version + "\"}";
         m_proxy.Enqueue({200, {{"Content-Type", "application/json"}}, body, false, {}});
         const int status = m_client->TestConnection(Wide(serviceUrl)).status;
-        if (status != (proxy ? Connected : VersionNotSupported)) {
+        if (status != (by == ConnectedBy::Proxy ? Connected : VersionNotSupported)) {
             throw std::runtime_error("connection test ended with status " + std::to_string(status));
         }
         m_proxy.Clear();
