@@ -152,9 +152,10 @@ TEST(IdentityLogin, EndsAsTheBrowserDecides) {
             continue;
         }
         // The provider holds the authorization request to its rules (client, redirect address,
-        // S256 challenge of the verifier); a state and challenge of its own every time remain,
-        // and the listener is gone once the login has ended: its port can be bound again at once,
-        // though the browser's connections to it wait out TIME_WAIT there.
+        // S256 challenge of the verifier); a state and challenge of its own every time remain.
+        // The listener's port is one the system picks (a fixed privileged one would work for root
+        // alone), and it can be bound again once the login has ended, though the browser's
+        // connections to it wait out TIME_WAIT there.
         const auto query = QueryFields(browser.url);
         EXPECT_GE(query.at("state").size(), 22u) << "case: " << c.name;
         EXPECT_NE(query.at("state"), previous["state"]) << "case: " << c.name;
@@ -164,6 +165,7 @@ TEST(IdentityLogin, EndsAsTheBrowserDecides) {
         rebind.set_option(tcp::acceptor::reuse_address(true));
         boost::system::error_code error;
         const auto port = std::stoi(query.at("redirect_uri").substr(17));
+        EXPECT_GE(port, 1024) << "case: " << c.name;
         rebind.bind({boost::asio::ip::address_v4::loopback(), static_cast<unsigned short>(port)},
                     error);
         EXPECT_FALSE(error) << "case: " << c.name << ": " << error.message();
