@@ -1,109 +1,88 @@
-// The attribute definition document built from arbitrary host records: any wchar_t in any
-// text (NUL, lone surrogates, values past U+10FFFF), any codes and flags, lists of any length.
-// The document must serialise, parse back to the same value and hold one member per field.
-// A lone high surrogate is the one text the conversion refuses (std::range_error).
+// The attribute definition document from arbitrary host records: any wchar_t in any text (NUL,
+// lone surrogates, values past U+10FFFF), any codes and flags, lists of any length. The text
+// writer must give the bytes serialize() gives for the built value, or fail with the same
+// message: a lone high surrogate is the one text refused (std::range_error). The value holds one
+// member per field and parses back to itself.
 #include "FuzzInput.h"
 #include "definitions/AttributeDefinitionsJson.h"
 #include "host/AttributeDefinitionRecords.h"
 
-#include <cstdlib>
+#include <memory>
 #include <stdexcept>
+#include <vector>
 
 namespace {
 
-void Check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+// The host's lists hold raw pointers; what they point to lives here until the input is done.
+std::vector<std::unique_ptr<CObject>> records;
 
-// Owns what the lists point to: the host's lists hold raw pointers.
-struct Records {
-    CList<DesktopAttributeDTO*> attributes;
-    ~Records() {
-        for (POSITION pos = attributes.GetHeadPosition(); pos != nullptr;) {
-            DesktopAttributeDTO* a = attributes.GetNext(pos);
-            for (POSITION r = a->ValueRanges.GetHeadPosition(); r != nullptr;) {
-                delete a->ValueRanges.GetNext(r);
-            }
-            for (POSITION c = a->Cases.GetHeadPosition(); c != nullptr;) {
-                delete a->Cases.GetNext(c);
-            }
-            delete a;
-        }
-    }
-};
+template <class Record> Record& Append(CList<Record*>& list) {
+    records.emplace_back(new Record);
+    list.AddTail(static_cast<Record*>(records.back().get()));
+    return *list.GetTail();
+}
 
 BOOL Flag(FuzzInput& in) {
-    const std::uint8_t b = in.Byte();
-    // Hosts store 2 or -1 as well as TRUE.
-    return b % 4 == 0 ? FALSE : b % 4 == 1 ? TRUE : b % 4 == 2 ? 2 : -1;
+    const BOOL kFlags[] = {FALSE, TRUE, 2, -1}; // hosts store 2 or -1 as well as TRUE
+    return kFlags[in.Byte() % 4];
 }
 
-DesktopValueRangeDTO* ValueRange(FuzzInput& in) {
-    auto* r = new DesktopValueRangeDTO;
-    r->Operator = in.Int();
-    r->StringThreshold = in.Text();
-    for (int n = in.Byte() % 4; n > 0; --n) {
-        r->ValueSet.AddTail(in.Text());
-    }
-    r->ClassName = in.Text();
-    r->Unmodified = Flag(in);
-    return r;
-}
-
-DesktopAttributeDTO* Attribute(FuzzInput& in) {
-    auto* a = new DesktopAttributeDTO;
-    a->AttributeName = in.Text();
-    a->Type = in.Int();
-    a->Format = in.Text();
-    a->LCID = in.Int();
-    for (BOOL* flag : {&a->IsGroup, &a->IsDrillDownGroup, &a->IsSummary, &a->IsFormula,
-                       &a->IsClassification, &a->IsCaseDiscrimination, &a->IsLink,
-                       &a->IsPermanentlyHidden, &a->UserDefinedOrder, &a->MissingValuesAsZero,
-                       &a->Reverse, &a->IsExpanded, &a->IsCoupled, &a->IsFirstCoupledAttribute,
-                       &a->IsLastCoupledAttributeLeads, &a->IsCoupledAttributeSortedReverse}) {
+void AddAttribute(FuzzInput& in, CList<DesktopAttributeDTO*>& attributes) {
+    DesktopAttributeDTO& a = Append(attributes);
+    a.AttributeName = in.Text();
+    a.Type = in.Int();
+    a.Format = in.Text();
+    a.LCID = in.Int();
+    for (BOOL* flag : {&a.IsGroup, &a.IsDrillDownGroup, &a.IsSummary, &a.IsFormula,
+                       &a.IsClassification, &a.IsCaseDiscrimination, &a.IsLink,
+                       &a.IsPermanentlyHidden, &a.UserDefinedOrder, &a.MissingValuesAsZero,
+                       &a.Reverse, &a.IsExpanded, &a.IsCoupled, &a.IsFirstCoupledAttribute,
+                       &a.IsLastCoupledAttributeLeads, &a.IsCoupledAttributeSortedReverse}) {
         *flag = Flag(in);
     }
-    a->Level = in.Int();
-    a->EvalMode = in.Int();
-    a->SummaryType = in.Int();
-    for (CString* text : {&a->Id, &a->Parent, &a->Source, &a->SummaryPerAttribute,
-                          &a->ClassifiedAttribute, &a->Formula, &a->ReferencedAttributes,
-                          &a->ReferencedDrillDownGroup, &a->MarginalValue, &a->CoupledAttributes}) {
+    for (int* code : {&a.Level, &a.EvalMode, &a.SummaryType}) {
+        *code = in.Int();
+    }
+    for (CString* text : {&a.Id, &a.Parent, &a.Source, &a.SummaryPerAttribute,
+                          &a.ClassifiedAttribute, &a.Formula, &a.ReferencedAttributes,
+                          &a.ReferencedDrillDownGroup, &a.MarginalValue, &a.CoupledAttributes}) {
         *text = in.Text();
     }
     for (int n = in.Byte() % 4; n > 0; --n) {
-        a->ValueRanges.AddTail(ValueRange(in));
+        DesktopValueRangeDTO& r = Append(a.ValueRanges);
+        r.Operator = in.Int();
+        r.StringThreshold = in.Text();
+        for (int values = in.Byte() % 4; values > 0; --values) {
+            r.ValueSet.AddTail(in.Text());
+        }
+        r.ClassName = in.Text();
+        r.Unmodified = Flag(in);
     }
     for (int n = in.Byte() % 4; n > 0; --n) {
-        auto* c = new DesktopCaseDTO;
-        c->Condition = in.Text();
-        c->CaseName = in.Text();
-        a->Cases.AddTail(c);
+        DesktopCaseDTO& c = Append(a.Cases);
+        c.Condition = in.Text();
+        c.CaseName = in.Text();
     }
-    return a;
 }
 
-void CheckDocument(const web::json::value& document, const Records& records) {
-    Check(document.is_array() && document.size() == std::size_t(records.attributes.GetCount()));
+// One element per list entry, 35 members per attribute, 5 per value range, 2 per case.
+void CheckDocument(const web::json::value& document, const CList<DesktopAttributeDTO*>& list) {
+    const auto count = [](const auto& entries) { return std::size_t(entries.GetCount()); };
+    Check(document.size() == count(list));
     std::size_t i = 0;
-    for (POSITION pos = records.attributes.GetHeadPosition(); pos != nullptr; ++i) {
-        const DesktopAttributeDTO* a = records.attributes.GetNext(pos);
-        const web::json::value& object = document.at(i);
-        Check(object.is_object() && object.size() == 35);
-        const web::json::value& ranges = object.at(U("ValueRanges"));
-        Check(ranges.is_array() && ranges.size() == std::size_t(a->ValueRanges.GetCount()));
+    for (POSITION pos = list.GetHeadPosition(); pos != nullptr; ++i) {
+        const DesktopAttributeDTO* a = list.GetNext(pos);
+        const web::json::value& ranges = document.at(i).at(U("ValueRanges"));
+        const web::json::value& cases = document.at(i).at(U("Cases"));
+        Check(document.at(i).size() == 35 && ranges.size() == count(a->ValueRanges) &&
+              cases.size() == count(a->Cases));
         std::size_t r = 0;
         for (POSITION rp = a->ValueRanges.GetHeadPosition(); rp != nullptr; ++r) {
-            const DesktopValueRangeDTO* range = a->ValueRanges.GetNext(rp);
-            Check(ranges.at(r).is_object() && ranges.at(r).size() == 5);
-            Check(ranges.at(r).at(U("ValueSet")).size() == std::size_t(range->ValueSet.GetCount()));
+            const std::size_t values = count(a->ValueRanges.GetNext(rp)->ValueSet);
+            Check(ranges.at(r).size() == 5 && ranges.at(r).at(U("ValueSet")).size() == values);
         }
-        const web::json::value& cases = object.at(U("Cases"));
-        Check(cases.is_array() && cases.size() == std::size_t(a->Cases.GetCount()));
         for (std::size_t c = 0; c < cases.size(); ++c) {
-            Check(cases.at(c).is_object() && cases.at(c).size() == 2);
+            Check(cases.at(c).size() == 2);
         }
     }
 }
@@ -112,19 +91,23 @@ void CheckDocument(const web::json::value& document, const Records& records) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FuzzInput in(data, size);
-    Records records;
+    CList<DesktopAttributeDTO*> attributes;
     for (int n = in.Byte() % 8; n > 0; --n) {
-        records.attributes.AddTail(Attribute(in));
+        AddAttribute(in, attributes);
     }
     web::json::value document;
+    std::string built;
     try {
-        document = BuildAttributeDefinitionsJson(&records.attributes);
-    } catch (const std::range_error&) {
-        return 0;
+        document = BuildAttributeDefinitionsJson(&attributes);
+        built = utility::conversions::to_utf8string(document.serialize());
+    } catch (const std::range_error& e) {
+        built = std::string("failure: ") + e.what();
     }
-    CheckDocument(document, records);
-    const web::json::value reparsed = web::json::value::parse(document.serialize());
-    Check(reparsed == document);
-    CheckDocument(reparsed, records);
+    Check(Outcome([&] { return WriteAttributeDefinitionsJson(&attributes).utf8; }) == built);
+    if (!document.is_null()) {
+        CheckDocument(document, attributes);
+        Check(web::json::value::parse(document.serialize()) == document);
+    }
+    records.clear();
     return 0;
 }

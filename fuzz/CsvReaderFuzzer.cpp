@@ -33,15 +33,9 @@ std::string Quoted(const std::vector<std::vector<std::string>>& records, char de
     std::string text;
     for (const auto& record : records) {
         for (std::size_t i = 0; i < record.size(); ++i) {
-            if (i != 0) {
-                text += delimiter;
-            }
-            text += '"';
+            text += i == 0 ? "\"" : std::string(1, delimiter) + '"';
             for (const char c : record[i]) {
-                text += c;
-                if (c == '"') {
-                    text += '"';
-                }
+                text += c == '"' ? std::string("\"\"") : std::string(1, c);
             }
             text += '"';
         }

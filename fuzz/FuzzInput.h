@@ -1,13 +1,30 @@
 // Reads structured values out of a fuzzer's byte string. Running out of bytes yields zeros, so
-// every input decodes to something.
+// every input decodes to something. Check and Outcome serve the targets' own checks.
 #pragma once
 
 #include "host/Framework.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
+#include <cstdlib>
+#include <exception>
 #include <string>
+
+// A finding: libFuzzer keeps the input that broke the condition.
+inline void Check(bool condition) {
+    if (!condition) {
+        std::abort();
+    }
+}
+
+// What a writer produced, or how it failed, so that two writers can be compared in both.
+template <class Write> std::string Outcome(Write write) {
+    try {
+        return write();
+    } catch (const std::exception& e) {
+        return std::string("failure: ") + e.what();
+    }
+}
 
 class FuzzInput {
 public:
@@ -25,12 +42,7 @@ public:
         return word;
     }
 
-    int Int() {
-        const std::uint32_t word = Word();
-        int value;
-        std::memcpy(&value, &word, sizeof value);
-        return value;
-    }
+    int Int() { return static_cast<int>(Word()); } // two's complement: any bit pattern
 
     // Up to 31 code units. A byte below 0x80 is that character (NUL included); up to 0xEF two
     // more bytes give a 16-bit unit (surrogates included); above, four more give any wchar_t
@@ -46,10 +58,8 @@ public:
             } else if (lead >= 0x80) {
                 unit = (std::uint32_t{Byte()} << 8) | Byte();
             }
-            wchar_t ch;
-            static_assert(sizeof ch <= sizeof unit);
-            ch = static_cast<wchar_t>(unit);
-            text += ch;
+            static_assert(sizeof(wchar_t) <= sizeof unit);
+            text += static_cast<wchar_t>(unit);
         }
         return CString(text.data(), static_cast<int>(text.size()));
     }

@@ -4,15 +4,10 @@
 #include "FuzzInput.h"
 #include "connection/VersionJudgement.h"
 
-#include <cstdlib>
-
 namespace {
 
 int DigitAt(const CString& text, int index) {
-    if (index >= text.GetLength()) {
-        return 0;
-    }
-    const wchar_t ch = text[index];
+    const wchar_t ch = index < text.GetLength() ? text[index] : L'\0';
     return ch >= L'0' && ch <= L'9' ? ch - L'0' : 0;
 }
 
@@ -25,10 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     while (!input.Empty()) {
         version += static_cast<wchar_t>(input.Byte());
     }
-    const bool expected = DigitAt(version, 0) >= 1 && DigitAt(version, 14) >= 2 &&
-                          DigitAt(version, 16) >= 1;
-    if (IsServedThroughProxy(version) != expected) {
-        std::abort();
-    }
+    const bool expected =
+        DigitAt(version, 0) >= 1 && DigitAt(version, 14) >= 2 && DigitAt(version, 16) >= 1;
+    Check(IsServedThroughProxy(version) == expected);
     return 0;
 }
