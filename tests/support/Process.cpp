@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -21,50 +20,40 @@ namespace testsupport {
 
 namespace {
 
-// Starts argv with standard output (and error, when errFile is given) redirected.
-pid_t Spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env, int outFd,
-            const std::string& outFile, const std::string& errFile) {
+// Starts argv with standard output on out (a descriptor) and, when errFile is given, standard
+// error in that file.
+pid_t Spawn(const std::vector<std::string>& argv, int out, const std::string& errFile = "") {
     std::vector<char*> args;
     for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
-    std::vector<char*> environment;
-    for (char** e = environ; *e != nullptr; ++e) environment.push_back(*e);
-    for (const auto& e : env) environment.push_back(const_cast<char*>(e.c_str()));
-    environment.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    if (outFd >= 0) {
-        posix_spawn_file_actions_adddup2(&actions, outFd, STDOUT_FILENO);
-    } else {
-        posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    }
+    posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
     if (!errFile.empty()) {
         posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     }
     pid_t pid = -1;
-    const int failed = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environment.data());
+    const int failed = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (failed != 0) throw std::runtime_error("cannot start " + argv[0]);
     return pid;
 }
 
 std::string Slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     std::remove(path.c_str());
     return text.str();
 }
 
 } // namespace
 
-Finished RunToEnd(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
-    char pattern[] = "/tmp/tri-run-XXXXXX";
-    const int fd = mkstemp(pattern);
+Finished RunToEnd(const std::vector<std::string>& argv) {
+    char out[] = "/tmp/tri-run-XXXXXX";
+    const int fd = mkstemp(out);
+    const std::string err = std::string(out) + ".err";
+    const pid_t pid = Spawn(argv, fd, err);
     close(fd);
-    const std::string out = std::string(pattern) + ".out", err = std::string(pattern) + ".err";
-    std::remove(pattern);
-    const pid_t pid = Spawn(argv, env, -1, out, err);
     int status = 0;
     Finished finished;
     if (waitpid(pid, &status, 0) == pid && WIFEXITED(status)) finished.status = WEXITSTATUS(status);
@@ -76,38 +65,29 @@ Finished RunToEnd(const std::vector<std::string>& argv, const std::vector<std::s
 ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
     int pipeFds[2];
     if (pipe2(pipeFds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    FILE* stream = fdopen(pipeFds[0], "r");
     try {
-        pid_ = Spawn(argv, {}, pipeFds[1], "", "");
+        pid_ = Spawn(argv, pipeFds[1]);
     } catch (...) {
-        close(pipeFds[0]);
+        std::fclose(stream);
         close(pipeFds[1]);
         throw;
     }
     close(pipeFds[1]);
-    FILE* stream = fdopen(pipeFds[0], "r");
     char line[256] = {};
-    const bool read = std::fgets(line, sizeof line, stream) != nullptr;
-    firstLine_ = line;
+    std::fgets(line, sizeof line, stream);
+    const std::string first = line;
     drain_ = std::thread([stream] {
-        char scratch[4096];
-        while (std::fread(scratch, 1, sizeof scratch, stream) > 0) {
+        for (char scratch[4096]; std::fread(scratch, 1, sizeof scratch, stream) > 0;) {
         }
         std::fclose(stream);
     });
-    if (!read) {
+    const auto digits = first.find_first_of("0123456789");
+    if (digits == std::string::npos) {
         Stop(SIGKILL);
-        throw std::runtime_error(argv[0] + " ended without printing a line");
+        throw std::runtime_error(argv[0] + " printed no port: " + first);
     }
-}
-
-ChildProcess::~ChildProcess() {
-    if (pid_ > 0) Stop(SIGKILL);
-}
-
-unsigned short ChildProcess::Port() const {
-    const auto digits = firstLine_.find_first_of("0123456789");
-    if (digits == std::string::npos) throw std::runtime_error("no port in: " + firstLine_);
-    return static_cast<unsigned short>(std::stoi(firstLine_.substr(digits)));
+    port_ = static_cast<unsigned short>(std::stoi(first.substr(digits)));
 }
 
 int ChildProcess::Stop(int signal) {

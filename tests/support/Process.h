@@ -14,28 +14,27 @@ struct Finished {
     std::string err;
 };
 
-// Runs argv (argv[0] is looked up on PATH when it has no '/') to its end, with extra
-// "NAME=value" entries added to this process's environment.
-Finished RunToEnd(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
+// Runs argv (argv[0] is looked up on PATH when it has no '/') to its end.
+Finished RunToEnd(const std::vector<std::string>& argv);
 
-// A program that keeps running. Its first line of standard output is read at start: servers
-// print their port there (lxrepo-server the number, the provider "listening <port>"); the rest
-// of the output is read and dropped so that the program never blocks on a full pipe.
+// A program that keeps running. Servers print their port on their first line (lxrepo-server the
+// number, the provider "listening <port>"); the rest of the output is read and dropped so that
+// the program never blocks on a full pipe.
 class ChildProcess {
 public:
-    // Throws std::runtime_error when the program ends without printing a line.
+    // Throws std::runtime_error when the program prints no port.
     explicit ChildProcess(const std::vector<std::string>& argv);
-    ~ChildProcess(); // SIGKILL unless stopped
+    ~ChildProcess() { Stop(9); }
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    unsigned short Port() const; // the first number on the first line
+    unsigned short Port() const { return port_; }
     // Sends the signal, waits, and returns the wait status.
     int Stop(int signal);
 
 private:
     int pid_ = -1;
-    std::string firstLine_;
+    unsigned short port_ = 0;
     std::thread drain_;
 };
 
