@@ -13,8 +13,8 @@
 // for the import resource); "lxrepo-proxy", the authentication proxy with tokens of its own
 // (client credentials); "lxrepo-service", which may introspect both kinds.
 //
-// The login page is a form a person can use; a test browser skips it by sending the cookie
-// "test_decision" = "allow" (log in as alice and consent) or "deny" (refuse the login).
+// Whoever comes to the login is alice and consents, unless the cookie "test_decision" is "deny",
+// which refuses the login.
 // Prints "listening <port>" on stdout once it serves.
 import http from 'node:http';
 import Provider from 'oidc-provider';
@@ -81,14 +81,6 @@ function configuration() {
   };
 }
 
-function cookieValue(req, name) {
-  for (const part of (req.headers.cookie ?? '').split(';')) {
-    const [key, ...rest] = part.trim().split('=');
-    if (key === name) return decodeURIComponent(rest.join('='));
-  }
-  return undefined;
-}
-
 function send(res, status, body, type = 'text/plain; charset=utf-8') {
   res.writeHead(status, { 'Content-Type': type, 'Content-Length': Buffer.byteLength(body) });
   res.end(body);
@@ -114,17 +106,6 @@ async function deny(req, res) {
     { mergeWithLastSubmission: false });
 }
 
-async function interaction(req, res, url) {
-  const decision = url.searchParams.get('decision') ?? cookieValue(req, 'test_decision');
-  if (decision === 'allow') return allow(req, res);
-  if (decision === 'deny') return deny(req, res);
-  return send(res, 200,
-    `<!DOCTYPE html><html><body><p>Log in as ${USER} to the table repository?</p>` +
-    `<form method="get" action="${url.pathname}"><button name="decision" value="allow">Log in</button>` +
-    `<button name="decision" value="deny">Refuse</button></form></body></html>`,
-    'text/html; charset=utf-8');
-}
-
 async function importConnect(req, res) {
   const match = /^Bearer (.+)$/.exec(req.headers.authorization ?? '');
   const token = match ? await provider.AccessToken.find(match[1]) : undefined;
@@ -137,7 +118,10 @@ async function route(req, res) {
   if (!givenIssuer && url.pathname === '/Import/Connect' && req.method === 'GET') {
     return importConnect(req, res);
   }
-  if (url.pathname.startsWith(`${MOUNT}/interaction/`)) return interaction(req, res, url);
+  if (url.pathname.startsWith(`${MOUNT}/interaction/`)) {
+    const denied = /(^|;)\s*test_decision=deny\s*(;|$)/.test(req.headers.cookie ?? '');
+    return denied ? deny(req, res) : allow(req, res);
+  }
   if (url.pathname === MOUNT || url.pathname.startsWith(`${MOUNT}/`)) {
     // The provider routes below its issuer's path and learns the mount from originalUrl.
     req.originalUrl = req.url;

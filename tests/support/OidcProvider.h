@@ -13,8 +13,7 @@
 
 namespace testsupport {
 
-// What provider.mjs knows: the login client and the text of a refused login.
-inline constexpr char kOidcClientId[] = "lxdesktop";
+// What provider.mjs knows: the login client's secret and the text of a refused login.
 inline constexpr char kOidcClientSecret[] = "5d0c1e7a9b3f4a6c8e2d7f1b0a9c4e36";
 inline constexpr char kOidcDeniedText[] = "alice declined to let the desktop import tables";
 
@@ -26,8 +25,7 @@ public:
     // Ends the node process; the port no longer answers afterwards.
     void Stop() { node_->Stop(SIGTERM); }
 
-    unsigned short Port() const { return node_->Port(); }
-    std::string BaseUrl() const { return "http://127.0.0.1:" + std::to_string(Port()); }
+    std::string BaseUrl() const { return "http://127.0.0.1:" + std::to_string(node_->Port()); }
     std::string IdentityUrl() const { return BaseUrl() + "/identity"; } // the issuer
 
     // Status of GET /Import/Connect with "Authorization: Bearer <accessToken>": 200 when the
@@ -40,7 +38,6 @@ private:
 
 struct BrowserPage {
     int status = 0;
-    std::string url;      // where the page came from
     std::string location; // where a redirect points, resolved; empty for other pages
     std::string body;
 };
