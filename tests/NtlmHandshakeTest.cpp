@@ -72,6 +72,10 @@ std::string Legs(const std::vector<RecordedRequest>& requests) {
     return legs;
 }
 
+ScriptedResponse Challenge(int status, const std::string& value) {
+    return {status, {{"WWW-Authenticate", value}}, "", false, {}};
+}
+
 // lxrepo-server's acceptor answering on the service address; a request that completes the
 // handshake is answered with the user's name. The acceptor outlives the server.
 struct NtlmService {
@@ -90,12 +94,8 @@ struct NtlmService {
                 return ScriptedResponse{200, {}, *outcome.user, false, {}};
             }
             std::string challenge((*outcome.challenge)[lxrepo::http::field::www_authenticate]);
-            challenge.replace(0, 5, challengePrefix);
-            return ScriptedResponse{static_cast<int>(outcome.challenge->result_int()),
-                                    {{"WWW-Authenticate", challenge}},
-                                    "",
-                                    false,
-                                    {}};
+            return Challenge(static_cast<int>(outcome.challenge->result_int()),
+                             challenge.replace(0, 5, challengePrefix));
         });
     }
 };
@@ -149,15 +149,6 @@ TEST(NtlmHandshake, NegotiateThenAuthenticateOnOneConnectionWithTheRequestWholeO
     }
 }
 
-std::string NtlmMessage(unsigned char type, std::size_t size, std::uint32_t flags = 0) {
-    std::string bytes = {'N', 'T', 'L', 'M', 'S', 'S', 'P', '\0', char(type), 0, 0, 0};
-    bytes.resize(size, '\0');
-    for (int i = 0; i < 4; ++i) {
-        bytes[20 + i] = static_cast<char>(flags >> (8 * i));
-    }
-    return "NTLM " + lxrepo::EncodeBase64(bytes);
-}
-
 TEST(NtlmHandshake, TheNegotiateAnswerDecidesWhetherAndWhatTheFinalLegIs) {
     struct Case {
         const char* name;
@@ -165,27 +156,27 @@ TEST(NtlmHandshake, TheNegotiateAnswerDecidesWhetherAndWhatTheFinalLegIs) {
         std::string outcome;
         std::string legs;
     };
-    const auto challenge = [](int status, const std::string& value) {
-        return ScriptedResponse{status, {{"WWW-Authenticate", value}}, "", false, {}};
-    };
     const auto thrown = [](const testsupport::Thrown& t) { return ::testing::PrintToString(t); };
     const std::string refused = thrown(testsupport::kResourceException);
     const Case cases[] = {
         // Only a 401 is read for a challenge, whatever else the answer carries.
-        {"200 with a challenge header", challenge(200, "NTLM TlRMTVNTUAACAAAA"),
+        {"200 with a challenge header", Challenge(200, "NTLM TlRMTVNTUAACAAAA"),
          thrown(testsupport::Expected<std::out_of_range>("invalid string position")), "1"},
         // Garbage that is valid base64: GSSAPI calls it a defective token, like SSPI's
         // SEC_E_INVALID_TOKEN, and the handshake stops.
         {"challenge of random bytes",
-         challenge(401, "NTLM " + lxrepo::EncodeBase64("\x13\x37\xde\xad\xbe\xef")), refused, "1"},
-        // Unicode, target type domain, no target name: this crashed gss-ntlmssp 1.2 (found by
-        // fuzz_ntlm_challenge); it is refused like any defective token.
+         Challenge(401, "NTLM " + lxrepo::EncodeBase64("\x13\x37\xde\xad\xbe\xef")), refused, "1"},
+        // A 32-byte CHALLENGE with the flags Unicode and target type domain but no target name:
+        // this crashed gss-ntlmssp 1.2 (found by fuzz_ntlm_challenge); it is refused like any
+        // defective token.
         {"CHALLENGE naming a target type without a target name",
-         challenge(401, NtlmMessage(2, 32, 0x00010001)), refused, "1"},
+         Challenge(401, "NTLM TlRMTVNTUAACAAAAAAAAAAAAAAABAAEAAAAAAAAAAAA="), refused, "1"},
         // A well-formed but empty CHALLENGE is "another failure" (no target information while
         // sealing is asked for): accepted as it stands, and the empty output goes out as
         // "NTLM " (the server drops the trailing blank, as HTTP lets it).
-        {"empty CHALLENGE message", challenge(401, NtlmMessage(2, 32)), "status 401", "1+NTLM"},
+        {"empty CHALLENGE message",
+         Challenge(401, "NTLM TlRMTVNTUAACAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA="), "status 401",
+         "1+NTLM"},
         {"connection closed without answer", ScriptedResponse{200, {}, "", false, std::string()},
          thrown(
              testsupport::Expected<web::http::http_exception>("Failed to read HTTP status line")),

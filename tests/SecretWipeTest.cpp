@@ -9,10 +9,10 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <new>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -24,23 +24,17 @@ void ScanBeforeFree(void* block) {
     if (block == nullptr || secret == nullptr) {
         return;
     }
-    const std::size_t size = malloc_usable_size(block);
-    const std::size_t needle = secret->size() * sizeof(wchar_t);
-    for (std::size_t i = 0; i + needle <= size; ++i) {
-        if (std::memcmp(static_cast<const char*>(block) + i, secret->data(), needle) == 0) {
-            ++g_blocksWithSecret;
-            return;
-        }
-    }
+    const std::string_view bytes(static_cast<const char*>(block), malloc_usable_size(block));
+    const std::string_view needle(reinterpret_cast<const char*>(secret->data()),
+                                  secret->size() * sizeof(wchar_t));
+    g_blocksWithSecret += bytes.find(needle) != std::string_view::npos;
 }
 
 } // namespace
 
 void* operator new(std::size_t size) {
-    if (void* p = std::malloc(size == 0 ? 1 : size)) {
-        return p;
-    }
-    throw std::bad_alloc();
+    void* p = std::malloc(size == 0 ? 1 : size);
+    return p != nullptr ? p : throw std::bad_alloc();
 }
 void* operator new[](std::size_t size) { return ::operator new(size); }
 void operator delete(void* p) noexcept {
