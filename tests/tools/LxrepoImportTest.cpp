@@ -5,10 +5,11 @@
 
 #include "e2e/Deployment.h"
 
-#include <fstream>
 #include <nlohmann/json.hpp>
 
+#include <fstream>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,10 +26,15 @@ public:
         std::ofstream(files_.File(name), std::ios::binary) << content;
         return files_.File(name);
     }
-    // lxrepo with args, then this deployment's service and proxy unless told otherwise.
-    testsupport::Finished Run(std::vector<std::string> args, bool connect = true) const {
-        args.insert(args.begin(), LXREPO_BINARY);
-        if (connect) {
+    // lxrepo with the blank-separated words of line, then this deployment's service, proxy and
+    // client unless the line names a proxy.
+    testsupport::Finished Run(const std::string& line) const {
+        std::vector<std::string> args{LXREPO_BINARY};
+        std::istringstream words(line);
+        for (std::string word; words >> word;) {
+            args.push_back(word);
+        }
+        if (line.find("--proxy") == std::string::npos) {
             args.insert(args.end(),
                         {"--server", deployment_.host.serviceUrl, "--proxy",
                          deployment_.proxyServer->Url(), "--client", deployment_.client});
@@ -76,8 +82,8 @@ TEST(Lxrepo, TableInSqliteEqualsTheFileCellByCell) {
     const Lxrepo lxrepo;
     for (const auto& c : cases) {
         // Chunks of two rows and two distinct values, so every phase takes several requests.
-        const auto run = lxrepo.Run({"import", lxrepo.Write(std::string(c.name) + ".csv", c.csv),
-                                     "--chunk-rows", "2", "--json"});
+        const auto run = lxrepo.Run("import " + lxrepo.Write(std::string(c.name) + ".csv", c.csv) +
+                                    " --chunk-rows 2 --json");
         ASSERT_EQ(run.status, 0) << "case: " << c.name << "\n" << run.err;
         const auto summary = nlohmann::json::parse(run.out);
         EXPECT_EQ(summary["rows"], c.rows.size()) << "case: " << c.name;
@@ -95,80 +101,46 @@ TEST(Lxrepo, TableInSqliteEqualsTheFileCellByCell) {
     }
 }
 
-TEST(Lxrepo, MalformedFileExitsWithTwoAndTheLineNumber) {
-    const struct {
-        const char* name;
-        std::string csv;
-        int line;
-    } cases[] = {
-        {"quote left open", "a,b\n1,2\n3,\"open\n4,5\n", 3},
-        {"too few fields", "a,b\n1,2\n3\n", 3},
-        {"too many fields after a quoted break", "a,b\n\"x\ny\",2\n1,2,3\n", 4},
-        {"quote inside an unquoted field", "a,b\n1,2\n1,x\"y\n", 3},
-        {"text after a closing quote", "a,b\n\"1\"x,2\n", 2},
-        {"column name twice", "a,a\n1,2\n", 1},
-    };
-    const Lxrepo lxrepo;
-    for (const auto& c : cases) {
-        const auto run = lxrepo.Run({"import", lxrepo.Write("bad.csv", c.csv)});
-        EXPECT_EQ(run.status, 2) << "case: " << c.name << "\n" << run.err;
-        EXPECT_NE(run.err.find("line " + std::to_string(c.line) + ":"), std::string::npos)
-            << "case: " << c.name << "\n"
-            << run.err;
-    }
-    EXPECT_EQ(QueryRows(lxrepo.Database(), "select count(*) from lxrepo_tables"),
-              std::vector<Row>{{"0"}});
-}
-
-// sales.csv already exists as a table when each case runs.
+// sales.csv is a table already when each case runs; each malformed file is one of its own.
 TEST(Lxrepo, ExitStatusAndMessageNameWhatFailed) {
     const Lxrepo lxrepo;
-    const std::string file = lxrepo.Write("sales.csv", "region,units\nnorth,3\nsouth,\n");
-    ASSERT_EQ(lxrepo.Run({"import", file}).status, 0);
+    const std::string sales = lxrepo.Write("sales.csv", "region,units\nnorth,3\nsouth,\n");
+    ASSERT_EQ(lxrepo.Run("import " + sales).status, 0);
+    int files = 0;
+    const auto bad = [&](const std::string& csv) {
+        return "import " + lxrepo.Write("bad" + std::to_string(files++) + ".csv", csv);
+    };
     const std::string nowhere = "http://127.0.0.1:" + std::to_string(testsupport::FreePort());
     const struct {
         const char* name;
-        std::vector<std::string> args;
-        bool connect;
+        std::string line;
         int status;
         std::string said; // in its output
     } cases[] = {
+        {"quote left open", bad("a,b\n1,2\n3,\"open\n4,5\n"), 2, "line 3:"},
+        {"too few fields", bad("a,b\n1,2\n3\n"), 2, "line 3:"},
+        {"too many fields after a quoted break", bad("a,b\n\"x\ny\",2\n1,2,3\n"), 2, "line 4:"},
+        {"quote inside an unquoted field", bad("a,b\n1,2\n1,x\"y\n"), 2, "line 3:"},
+        {"text after a closing quote", bad("a,b\n\"1\"x,2\n"), 2, "line 2:"},
+        {"column name twice", bad("a,a\n1,2\n"), 2, "line 1:"},
         // Table names compare without case, as SQLite's do.
-        {"existing table",
-         {"import", file, "--table", "SALES"},
-         true,
-         1,
+        {"existing table", "import " + sales + " --table SALES", 1,
          "The service refused to create table \"SALES\" (HTTP 409); it exists, --overwrite "
          "replaces it."},
-        {"class not allowed",
-         {"import", file, "--class", "secret"},
-         true,
-         1,
+        {"class not allowed", "import " + sales + " --class secret", 1,
          "The service does not authorize imports of class \"secret\" (table \"sales\")."},
-        {"unreachable proxy",
-         {"import", file, "--server", nowhere, "--proxy", nowhere},
-         false,
-         3,
+        {"unreachable proxy", "import " + sales + " --server " + nowhere + " --proxy " + nowhere, 3,
          "Could not register with the proxy at " + nowhere},
-        {"missing file", {"import", file + ".gone"}, true, 2, "cannot read " + file + ".gone"},
-        {"bad chunk size",
-         {"import", file, "--chunk-rows", "0"},
-         true,
-         2,
+        {"missing file", "import " + sales + ".gone", 2, "cannot read " + sales + ".gone"},
+        {"bad chunk size", "import " + sales + " --chunk-rows 0", 2,
          "--chunk-rows: Value 0 not in range"},
-        {"check of an allowed class",
-         {"check", "--class", "sales"},
-         true,
-         0,
+        {"check of an allowed class", "check --class sales", 0,
          "connection: Connected\nproxy version: 1.0.0-lxproxy-2.1\nclass \"sales\": authorized\n"},
-        {"check of a class not allowed",
-         {"check", "--class", "secret"},
-         true,
-         1,
+        {"check of a class not allowed", "check --class secret", 1,
          "class \"secret\": not authorized"},
     };
     for (const auto& c : cases) {
-        const auto run = lxrepo.Run(c.args, c.connect);
+        const auto run = lxrepo.Run(c.line);
         EXPECT_EQ(run.status, c.status) << "case: " << c.name << "\n" << run.err;
         EXPECT_NE((run.out + run.err).find(c.said), std::string::npos) << "case: " << c.name << "\n"
                                                                        << run.out << run.err;
@@ -179,7 +151,7 @@ TEST(Lxrepo, ExitStatusAndMessageNameWhatFailed) {
     EXPECT_EQ(servertest::TableRows(lxrepo.Database(), "sales"),
               (std::vector<Row>{{"north", "3"}, {"south", kEmpty}}));
     const std::string other = lxrepo.Write("other.csv", "units\n7\n");
-    ASSERT_EQ(lxrepo.Run({"import", other, "--overwrite", "--table", "Sales"}).status, 0);
+    ASSERT_EQ(lxrepo.Run("import " + other + " --overwrite --table Sales").status, 0);
     EXPECT_EQ(servertest::TableRows(lxrepo.Database(), "sales"), std::vector<Row>{{"7"}});
     EXPECT_EQ(QueryRows(lxrepo.Database(), "select name from lxrepo_tables"),
               std::vector<Row>{{"Sales"}});
