@@ -12,8 +12,7 @@
 namespace {
 
 using namespace e2e;
-using servertest::QueryRows;
-using servertest::Row;
+using namespace servertest;
 
 struct WayCase {
     const char* name;
@@ -31,7 +30,7 @@ TEST_P(ImportEndToEnd, EveryCellArrivesInTheSqlTable) {
                         "(scripts/install-dependencies.sh)";
     }
     const Table table = GenerateTable("Ums\xC3\xA4tze Q1 2024");
-    servertest::TempDirectory files;
+    TempDirectory files;
     const std::string database = files.File("repo.sqlite");
     Deployment deployment(GetParam().way, database, {table.tableClass});
     const Imported imported = ImportThroughLibrary(deployment.host, table);
@@ -48,7 +47,7 @@ TEST_P(ImportEndToEnd, EveryCellArrivesInTheSqlTable) {
     EXPECT_EQ(ToStringT(unregistered.message), "");
     EXPECT_EQ(deployment.ProxyConnectStatus(), 401) << "the proxy still knows the client";
 
-    EXPECT_EQ(servertest::TableRows(database, table.name), ExpectedRows(table));
+    EXPECT_EQ(TableRows(database, table.name), ExpectedRows(table));
     EXPECT_EQ(
         QueryRows(database, "select name, table_id, table_class, description, "
                             "record_count, imported_by, client from lxrepo_tables"),

@@ -1,8 +1,8 @@
 // The service's answer to each kind of call: order (409), bodies (400), names (404), classes
-// (403), sizes (413), and nothing of an import in the file before its End. Each case gets a
-// service of its own (bodies up to 4096 bytes, tables of the classes Sales and Stock), makes the
-// first so many calls of a whole import (each must succeed), then its probe. A probe path that
-// starts with '@' is under the table's path, /Import/Tables/<id>.
+// (403), a body at the size limit, and nothing of an import in the file before its End. Each case
+// gets a service of its own (bodies up to 4096 bytes, tables of the class Sales), makes the first
+// so many calls of a whole import (each must succeed), then its probe. A probe path that starts
+// with '@' is under the table's path, /Import/Tables/<id>.
 #include <gtest/gtest.h>
 
 #include "ServerFixture.h"
@@ -35,10 +35,7 @@ std::string Creation(const char* key = nullptr, const json& value = nullptr) {
 
 const std::string kDefinitions = R"([{"AttributeName":"A","Type":3},{"AttributeName":"B"}])";
 
-struct Call {
-    std::string path;
-    std::optional<std::string> body;
-};
+using Call = std::pair<std::string, std::string>; // path and body
 
 // A whole import of ["x","y"] for the attributes A and B.
 std::vector<Call> WholeImport(const std::string& idsOfA) {
@@ -58,21 +55,12 @@ std::vector<Call> WholeImport(const std::string& idsOfA) {
     return calls;
 }
 // How many of those calls come first.
-enum SetUp {
-    kNothing = 0,
-    kCreated = 1,
-    kDefined = 2,
-    kABegun = 3,
-    kADone = 5,
-    kDistinctDone = 8,
-    kIdsOpen = 10,
-    kIdsDone = 14,
-    kEnded = 15
-};
+constexpr int kNothing = 0, kCreated = 1, kDefined = 2, kABegun = 3, kADone = 5, kDistinctDone = 8,
+              kIdsOpen = 10, kIdsDone = 14, kEnded = 15;
 
 struct Case {
     const char* name;
-    SetUp setUp;
+    int setUp; // calls of the whole import made first
     std::string path;
     std::optional<std::string> body;
     int status;
@@ -93,7 +81,6 @@ const Case cases[] = {
     {"End with fewer value ids than records", kIdsDone, "@/End", "null", 409, "1 value ids", "[0]"},
     {"a call after the End", kEnded, "@/DistinctValues/A/Begin", "null", 409, "already ended"},
     {"End twice", kEnded, "@/End", "null", 409, "already ended"},
-    {"the right order", kIdsDone, "@/End", "null", 200},
     // bodies of an import's calls
     {"malformed JSON", kCreated, "@/Attributes", "[{\"AttributeName\": ", 400},
     {"attribute definitions not an array", kCreated, "@/Attributes", "{}", 400},
@@ -127,14 +114,10 @@ const Case cases[] = {
     {"empty tableName", kNothing, "/Import/Tables", Creation("tableName", ""), 400},
     {"reserved tableName", kNothing, "/Import/Tables", Creation("tableName", "lxrepo_tables"), 400},
     {"class not allowed", kNothing, "/Import/Tables", Creation("tableClass", "HR"), 403},
-    {"allowed class", kNothing, "/Import/Authorization", R"({"tableClass":"Stock"})", 200},
     {"class but for case", kNothing, "/Import/Authorization", R"({"tableClass":"sales"})", 403},
-    {"body over the limit", kNothing, "/Import/Tables", std::string(4097, ' '), 413},
     {"body at the limit", kNothing, "/Import/Tables",
      std::string(4096 - Creation().size(), ' ') + Creation(), 201},
     {"Connect by POST", kNothing, "/Import/Connect", "null", 405},
-    // Both roles in one server: the proxy's paths are there too.
-    {"registration with the proxy", kNothing, "/register?lxclient=a&lxserver=b", std::nullopt, 200},
 };
 
 TEST(ImportRules, EachCallIsAnsweredAsTheRulesSay) {
@@ -143,7 +126,7 @@ TEST(ImportRules, EachCallIsAnsweredAsTheRulesSay) {
         const std::string database = directory.File("repo.sqlite");
         auto options = DefaultOptions(database);
         options.http.maxBodyBytes = 4096;
-        options.allowedClasses = {"Sales", "Stock"};
+        options.allowedClasses = {"Sales"};
         RunningServer server(options);
         std::string id;
         const auto at = [&](const std::string& path) {
@@ -151,16 +134,11 @@ TEST(ImportRules, EachCallIsAnsweredAsTheRulesSay) {
                                   : path;
         };
         const auto calls = WholeImport(c.idsOfA);
-        bool ready = true;
-        for (int i = 0; ready && i < c.setUp; ++i) {
-            const Answer answer = Send(server.Url(), at(calls[i].path), calls[i].body);
-            ready = answer.status == (i == 0 ? 201 : 200);
-            EXPECT_TRUE(ready) << "case: " << c.name << ", set-up call " << i << ": "
-                               << answer.body;
+        for (int i = 0; i < c.setUp; ++i) {
+            const Answer answer = Send(server.Url(), at(calls[i].first), calls[i].second);
+            ASSERT_EQ(answer.status, i == 0 ? 201 : 200)
+                << "case: " << c.name << ", set-up call " << i << ": " << answer.body;
             id = i == 0 ? json::parse(answer.body).value("tableID", "") : id;
-        }
-        if (!ready) {
-            continue;
         }
         const Answer answer = Send(server.Url(), at(c.path), c.body);
         EXPECT_EQ(answer.status, c.status) << "case: " << c.name << ": " << answer.body;
@@ -169,12 +147,11 @@ TEST(ImportRules, EachCallIsAnsweredAsTheRulesSay) {
         EXPECT_NE(answer.Error().find(c.errorPart), std::string::npos)
             << "case: " << c.name << ": " << answer.body;
         // The table and its catalogue entry, with the definitions as sent, come with the End.
-        const bool ended = c.setUp == kEnded || (c.path == "@/End" && c.status == 200);
-        EXPECT_EQ(QueryRows(database, "select name from sqlite_master where name = 'Rules'").size(),
-                  ended ? 1u : 0u)
-            << "case: " << c.name;
-        EXPECT_EQ(QueryRows(database, "select table_id, attributes from lxrepo_tables"),
-                  (ended ? std::vector<Row>{{id, kDefinitions}} : std::vector<Row>{}))
+        const bool ended = c.setUp == kEnded;
+        EXPECT_EQ(QueryRows(database, "select name, null from sqlite_master where name = 'Rules' "
+                                      "union all select table_id, attributes from lxrepo_tables"),
+                  (ended ? std::vector<Row>{{"Rules", std::nullopt}, {id, kDefinitions}}
+                         : std::vector<Row>{}))
             << "case: " << c.name;
         if (ended) {
             EXPECT_EQ(TableRows(database, "Rules"),

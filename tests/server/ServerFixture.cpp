@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 #include <unistd.h>
@@ -21,15 +22,15 @@ TempDirectory::TempDirectory() {
     static std::atomic<int> counter{0};
     // The service syncs every SQLite commit to disk, some 30 ms each on a test machine; in memory
     // it costs nothing, and what the tests kill is a process, never the machine.
-    path_ = (fs::is_directory("/dev/shm") ? std::string("/dev/shm/") : ::testing::TempDir()) +
-            "lxrepo-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
-    fs::remove_all(path_);
-    fs::create_directories(path_);
+    path = (fs::is_directory("/dev/shm") ? std::string("/dev/shm/") : ::testing::TempDir()) +
+           "lxrepo-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+    fs::remove_all(path);
+    fs::create_directories(path);
 }
 
 TempDirectory::~TempDirectory() {
     std::error_code ignored;
-    fs::remove_all(path_, ignored);
+    fs::remove_all(path, ignored);
 }
 
 lxrepo::ServerOptions DefaultOptions(const std::string& database, lxrepo::Role role) {
@@ -39,11 +40,14 @@ lxrepo::ServerOptions DefaultOptions(const std::string& database, lxrepo::Role r
     return options;
 }
 
+void WriteNtlmUsers(const std::string& path) {
+    std::ofstream(path) << "TESTDOM:alice:" << kAlice.password
+                        << "\nTESTDOM:proxy:" << kProxyAccount.password << "\n";
+}
+
 std::string Answer::Error() const {
     const auto json = nlohmann::json::parse(body, nullptr, false);
-    return json.is_object() && json.contains("error") && json["error"].is_string()
-               ? json["error"].get<std::string>()
-               : "";
+    return json.is_object() ? json.value("error", "") : "";
 }
 
 std::string WithQuery(const std::string& path, const Fields& query) {

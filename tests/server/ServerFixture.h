@@ -1,11 +1,11 @@
 // What the lxrepo-server tests, the end-to-end imports and the lxrepo tests share: servers
-// started in-process on free loopback ports with fresh SQLite files, one way to send a request
-// the library never sends, and the SQL file read back.
+// started in-process on free loopback ports with fresh SQLite files, the NTLM accounts, one way
+// to send a request the library never sends, and the SQL file read back.
 #pragma once
 
 #include "LxrepoServer.h"
+#include "NtlmInitiator.h"
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -14,36 +14,34 @@
 namespace servertest {
 
 // A directory of its own under the test temp dir, removed at the end.
-class TempDirectory {
-public:
+struct TempDirectory {
     TempDirectory();
     ~TempDirectory();
-    TempDirectory(const TempDirectory&) = delete;
-    TempDirectory& operator=(const TempDirectory&) = delete;
-    std::string File(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
+    std::string File(const std::string& name) const { return path + "/" + name; }
+    std::string path;
 };
 
 // Options for a server on 127.0.0.1, any free port, with the given database and role.
 lxrepo::ServerOptions DefaultOptions(const std::string& database,
                                      lxrepo::Role role = lxrepo::Role::Both);
 
-class RunningServer {
-public:
+// Serving from construction on.
+struct RunningServer : lxrepo::LxrepoServer {
     explicit RunningServer(const lxrepo::ServerOptions& options)
-        : address_(options.http.address), server_(options) {
-        server_.Start();
+        : LxrepoServer(options), address(options.http.address) {
+        Start();
     }
-    std::string Url() const { return "http://" + address_ + ":" + std::to_string(Port()); }
-    unsigned short Port() const { return server_.Port(); }
-    lxrepo::LxrepoServer& Server() { return server_; }
-
-private:
-    std::string address_;
-    lxrepo::LxrepoServer server_;
+    std::string Url() const { return "http://" + address + ":" + std::to_string(Port()); }
+    std::string address;
 };
+
+// The library skips the NTLM handshake for 127.0.0.1 and localhost, so a service that wants NTLM
+// stands on another loopback address, as a service on another machine would.
+inline constexpr char kNtlmServiceHost[] = "127.0.0.2";
+// The accounts of the users file that WriteNtlmUsers writes to path.
+inline const lxrepo::NtlmCredentials kAlice{"TESTDOM\\alice", "Alice-Password-1"};
+inline const lxrepo::NtlmCredentials kProxyAccount{"TESTDOM\\proxy", "Proxy-Password-2"};
+void WriteNtlmUsers(const std::string& path);
 
 struct Answer {
     int status = 0;
