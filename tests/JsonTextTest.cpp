@@ -41,9 +41,8 @@ std::string Reference(const std::wstring& text) {
         }
     }
     return Outcome([&] {
-        const auto utf8 = utility::conversions::utf16_to_utf8(utf16);
         return to_utf8string(
-            web::json::value::string(utility::conversions::to_string_t(utf8)).serialize());
+            web::json::value::string(utility::conversions::to_string_t(utf16)).serialize());
     });
 }
 

@@ -6,7 +6,6 @@
 
 #include "TableRepositoryImport.h"
 
-#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -67,7 +66,6 @@ public:
             m_list.AddTail(m_records.back().get());
         }
     }
-    HostTable(std::initializer_list<Column> columns) : HostTable(std::vector<Column>(columns)) {}
     CList<CRepoAttribute*>* Attributes() { return &m_list; }
     CDistinctValues* DistinctValues(std::size_t column) { return m_records.at(column).get(); }
 
@@ -125,30 +123,15 @@ public:
         attribute.AttributeName = name;
         return attribute;
     }
-    void AddRange(DesktopAttributeDTO& attribute, int op, const CString& threshold,
-                  const std::vector<CString>& valueSet, const CString& className, BOOL unmodified) {
-        DesktopValueRangeDTO& range = Append(attribute.ValueRanges);
-        range.Operator = op;
-        range.StringThreshold = threshold;
-        for (const CString& value : valueSet) {
-            range.ValueSet.AddTail(value);
-        }
-        range.ClassName = className;
-        range.Unmodified = unmodified;
-    }
-    void AddCase(DesktopAttributeDTO& attribute, const CString& condition, const CString& name) {
-        DesktopCaseDTO& c = Append(attribute.Cases);
-        c.Condition = condition;
-        c.CaseName = name;
-    }
     CList<DesktopAttributeDTO*>* List() { return &m_list; }
-
-private:
+    // A new value range or case at the end of an attribute's list.
     template <class Record> Record& Append(CList<Record*>& list) {
         m_records.emplace_back(new Record);
         list.AddTail(static_cast<Record*>(m_records.back().get()));
         return *list.GetTail();
     }
+
+private:
     std::vector<std::unique_ptr<CObject>> m_records;
     CList<DesktopAttributeDTO*> m_list;
 };
