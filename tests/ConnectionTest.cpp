@@ -63,15 +63,7 @@ protected:
     }
 
     CAuthenticationProxyConfiguration Configuration(const std::string& at, int type = 0) const {
-        CAuthenticationProxyConfiguration config;
-        config.proxyBaseUri = Wide(at);
-        config.registrationPath = L"/register";
-        config.proxyPath = L"/forward";
-        config.connectPath = L"/connect";
-        config.clientName = L"desk 1";
-        config.serverName = L"http://registered.example";
-        config.authenticationType = type;
-        return config;
+        return testsupport::ProxyConfiguration(at, "desk 1", "http://registered.example", type);
     }
 
     // Which way the next operation goes, as the connection test left the client.

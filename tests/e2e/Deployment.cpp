@@ -3,6 +3,8 @@
 
 #include "e2e/Deployment.h"
 
+#include "support/ConnectedClient.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -28,20 +30,6 @@ const bool kDefaultNtlmUser = [] {
     WriteNtlmUsers(path); // alice first
     return setenv("NTLM_USER_FILE", path.c_str(), 1) == 0;
 }();
-
-CAuthenticationProxyConfiguration ProxyConfiguration(const std::string& proxyUrl,
-                                                     const std::string& serviceUrl, int authType) {
-    CAuthenticationProxyConfiguration configuration;
-    configuration.proxyBaseUri = ToCString(proxyUrl);
-    configuration.registrationPath = L"/register";
-    configuration.unregistrationPath = L"/unregister";
-    configuration.proxyPath = L"/forward";
-    configuration.connectPath = L"/connect";
-    configuration.clientName = ToCString(kClientName);
-    configuration.serverName = ToCString(serviceUrl);
-    configuration.authenticationType = authType; // 1: the proxy brings a token, 0: NTLM
-    return configuration;
-}
 
 } // namespace
 
@@ -138,7 +126,7 @@ Imported ImportThroughLibrary(const Endpoint& endpoint, const Table& table, bool
 
 Endpoint NtlmSelfProxy(unsigned short port) {
     const std::string url = std::string("http://") + kNtlmServiceHost + ":" + std::to_string(port);
-    return {ProxyConfiguration(url, url, 0), url, Connected};
+    return {testsupport::ProxyConfiguration(url, kClientName, url, 0), url, Connected};
 }
 
 bool Deployment::Available(Way way) {
@@ -194,7 +182,8 @@ Deployment::Deployment(Way way, const std::string& database,
     service_ = std::make_unique<RunningServer>(service);
     proxy.proxy.allowedServers = {service_->Url()};
     proxyServer = std::make_unique<RunningServer>(proxy);
-    host = {ProxyConfiguration(proxyServer->Url(), service_->Url(), provider_ ? 1 : 0),
+    host = {testsupport::ProxyConfiguration(proxyServer->Url(), kClientName, service_->Url(),
+                                            provider_ ? 1 : 0),
             service_->Url(), way == Way::Ntlm ? VersionNotSupported : Connected};
 }
 

@@ -13,6 +13,24 @@ namespace testsupport {
 
 inline CString Wide(const std::string& utf8) { return CString(utf8.c_str()); }
 
+// The proxy configuration a host registers with, at the paths lxrepo-server's proxy serves.
+// authenticationType 1: the proxy brings a token; 0: NTLM.
+inline CAuthenticationProxyConfiguration ProxyConfiguration(const std::string& proxyUrl,
+                                                            const std::string& client,
+                                                            const std::string& server,
+                                                            int authenticationType = 0) {
+    CAuthenticationProxyConfiguration config;
+    config.proxyBaseUri = Wide(proxyUrl);
+    config.registrationPath = L"/register";
+    config.unregistrationPath = L"/unregister";
+    config.proxyPath = L"/forward";
+    config.connectPath = L"/connect";
+    config.clientName = Wide(client);
+    config.serverName = Wide(server);
+    config.authenticationType = authenticationType;
+    return config;
+}
+
 // How the connection test leaves the client.
 enum class ConnectedBy {
     // The proxy reports a version that is neither proxy-served nor a "2" version: the test ends
@@ -28,13 +46,8 @@ class ConnectedClient {
 public:
     ConnectedClient(const std::string& serviceUrl, ConnectedBy by = ConnectedBy::Plain)
         : m_client(static_cast<CTableRepositoryImport*>(new_TableRepositoryImport())) {
-        CAuthenticationProxyConfiguration config;
-        config.proxyBaseUri = Wide(m_proxy.BaseUrl());
-        config.registrationPath = L"/register";
-        config.proxyPath = L"/forward";
-        config.connectPath = L"/connect";
-        config.clientName = L"test-client";
-        m_client->RegisterWithAuthenticationProxy(config);
+        m_client->RegisterWithAuthenticationProxy(
+            ProxyConfiguration(m_proxy.BaseUrl(), "test-client", ""));
         const std::string version = by == ConnectedBy::Proxy ? "1.0.0-lxproxy-2.1" : "1.0.0";
         const std::string body = "{\"version\":\"" + version + "\"}";
         m_proxy.Enqueue({200, {{"Content-Type", "application/json"}}, body, false, {}});
