@@ -21,7 +21,7 @@ using Response = http::response<http::string_body>;
 struct ConnectionState {
     std::uint64_t id = 0;
     std::any authentication;
-    // For a handler that answers below HTTP (the tests' fault server writes broken answers);
+    // For a handler that answers below HTTP (the tests' recording server sends broken answers);
     // once it shuts the socket down, the connection ends after the handler returns.
     boost::asio::ip::tcp::socket* socket = nullptr;
 };
