@@ -29,7 +29,10 @@ run_suite "$root/build/normal"
 phase "Valgrind memcheck of one whole import (library, proxy and service in one process)"
 valgrind --quiet --error-exitcode=1 --leak-check=full --errors-for-leak-kinds=definite \
   --num-callers=40 --suppressions="$root/tests/valgrind.supp" "$root/build/normal/tests/e2e/e2e_test" \
-  --gtest_filter='Ways/ImportEndToEnd.EveryCellArrivesInTheSqlTable/ThroughTheAuthenticationProxy'
+  --gtest_filter='Ways/ImportEndToEnd.EveryCellArrivesInTheSqlTable/ThroughTheAuthenticationProxy' |
+  tee "$root/build/normal/valgrind.log"
+# A renamed test would leave the filter matching nothing, and gtest passes an empty run.
+grep -q '^\[  PASSED  \] 1 test\.' "$root/build/normal/valgrind.log"
 
 # One clang build serves the sanitizer suite and the fuzz targets (libFuzzer needs clang and
 # coverage instrumentation, which costs the tests little); two builds would take twice as long.
