@@ -7,6 +7,7 @@
 #include "e2e/Deployment.h"
 
 #include "Base64.h"
+#include "support/RecordingServer.h"
 
 #include <nlohmann/json.hpp>
 
@@ -62,6 +63,19 @@ TEST(Bearer, TokensAreCheckedAtTheProviderAndTheProxyBringsItsOwn) {
             EXPECT_EQ(body.at("client"), c.client) << "case: " << c.name;
         }
     }
+    // A token endpoint that answers the proxy with something other than JSON (a maintenance page)
+    // is a bad gateway for the client, with the endpoint's answer in the error.
+    testsupport::RecordingServer maintenance;
+    maintenance.SetDefault({200, {{"Content-Type", "text/html"}}, "<p>back soon</p>", false, {}});
+    auto options = DefaultOptions(files.File("proxy2.sqlite"), lxrepo::Role::Proxy);
+    options.proxyOAuth = {maintenance.BaseUrl() + "/token", "lxrepo-proxy", "secret", "", ""};
+    options.proxy.allowedServers = {service};
+    const RunningServer proxy(options);
+    ASSERT_EQ(Send(proxy.Url(), WithQuery("/register", proxied)).status, 200);
+    const Answer refused = Send(proxy.Url(), WithQuery("/forward/Import/Connect", proxied));
+    EXPECT_EQ(refused.status, 502) << refused.body;
+    EXPECT_NE(refused.Error().find("no token (status 200): <p>back soon</p>"), std::string::npos)
+        << refused.body;
 }
 
 } // namespace
