@@ -72,11 +72,15 @@ TEST(Lxrepo, TableInSqliteEqualsTheFileCellByCell) {
          {{"Stadt \xC3\xBC", "0"}, {"in \xE2\x82\xAC, (%)", "2"}},
          {{"Z\xC3\xBCrich", "12.50"}, {"\xE6\x9D\xB1\xE4\xBA\xAC", "3"}, {"S\xC3\xA3o", "-0.5"}}},
         {"empty_cells_dates_no_final_line_end",
-         "day,qty,label,code\n2024-01-31,,a,007\n,7,,2023-02-29\n2024-02-29,8,a,1\n,,,",
+         // The first of a month and the last of a 31-day month are dates; a 29 February only in
+         // a leap year.
+         "day,qty,label,code\n2024-01-31,,a,007\n,7,,2023-02-29\n"
+         "2024-02-29,8,a,1\n2024-12-01,9,b,2\n,,,",
          {{"day", "3"}, {"qty", "1"}, {"label", "0"}, {"code", "0"}},
          {{"2024-01-31", kEmpty, "a", "007"},
           {kEmpty, "7", kEmpty, "2023-02-29"},
           {"2024-02-29", "8", "a", "1"},
+          {"2024-12-01", "9", "b", "2"},
           {kEmpty, kEmpty, kEmpty, kEmpty}}},
     };
     const Lxrepo lxrepo;
