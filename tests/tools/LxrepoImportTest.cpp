@@ -123,6 +123,8 @@ TEST(Lxrepo, ExitStatusAndMessageNameWhatFailed) {
     } cases[] = {
         {"quote left open", bad("a,b\n1,2\n3,\"open\n4,5\n"), 2, "line 3:"},
         {"too few fields", bad("a,b\n1,2\n3\n"), 2, "line 3:"},
+        // The first fault of the file is the one named, also when a later one ends the parse.
+        {"too few fields before a quote left open", bad("a,b\n1\n2,\"open\n"), 2, "line 2:"},
         {"too many fields after a quoted break", bad("a,b\n\"x\ny\",2\n1,2,3\n"), 2, "line 4:"},
         {"quote inside an unquoted field", bad("a,b\n1,2\n1,x\"y\n"), 2, "line 3:"},
         {"text after a closing quote", bad("a,b\n\"1\"x,2\n"), 2, "line 2:"},
