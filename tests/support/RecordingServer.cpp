@@ -7,23 +7,10 @@
 
 #include <deque>
 #include <mutex>
-#include <set>
 
 namespace testsupport {
 
 namespace {
-
-std::optional<std::string> Find(const std::vector<Header>& headers, std::string_view name,
-                                 std::size_t* count) {
-    std::optional<std::string> first;
-    for (const auto& h : headers) {
-        if (boost::beast::iequals(h.name, boost::beast::string_view(name.data(), name.size()))) {
-            if (!first) first = h.value;
-            ++*count;
-        }
-    }
-    return first;
-}
 
 RecordedRequest Record(const lxrepo::Request& request, std::size_t connectionId) {
     RecordedRequest r;
@@ -43,14 +30,12 @@ RecordedRequest Record(const lxrepo::Request& request, std::size_t connectionId)
 } // namespace
 
 std::optional<std::string> RecordedRequest::HeaderValue(std::string_view name) const {
-    std::size_t count = 0;
-    return Find(headers, name, &count);
-}
-
-std::size_t RecordedRequest::HeaderCount(std::string_view name) const {
-    std::size_t count = 0;
-    Find(headers, name, &count);
-    return count;
+    for (const auto& h : headers) {
+        if (boost::beast::iequals(h.name, boost::beast::string_view(name.data(), name.size()))) {
+            return h.value;
+        }
+    }
+    return std::nullopt;
 }
 
 struct RecordingServer::Impl {
@@ -58,7 +43,6 @@ struct RecordingServer::Impl {
     mutable std::mutex mutex;
     std::mutex handling; // handlers were written for one call at a time
     std::vector<RecordedRequest> requests;
-    std::set<std::size_t> connections;
     std::deque<ScriptedResponse> queue;
     ScriptedResponse fallback;
     Handler handler;
@@ -71,7 +55,6 @@ struct RecordingServer::Impl {
         {
             std::lock_guard<std::mutex> lock(mutex);
             requests.push_back(recorded);
-            connections.insert(connection.id);
             call = handler;
             if (!call && !queue.empty()) {
                 scripted = std::move(queue.front());
@@ -146,11 +129,6 @@ void RecordingServer::SetHandler(Handler handler) {
 std::vector<RecordedRequest> RecordingServer::Requests() const {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     return impl_->requests;
-}
-
-std::size_t RecordingServer::ConnectionCount() const {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
-    return impl_->connections.size();
 }
 
 void RecordingServer::Clear() {

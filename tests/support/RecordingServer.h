@@ -31,8 +31,6 @@ struct RecordedRequest {
 
     // Value of the first header with this name (case-insensitive), if any.
     std::optional<std::string> HeaderValue(std::string_view name) const;
-    // How many headers carry this name (case-insensitive).
-    std::size_t HeaderCount(std::string_view name) const;
 };
 
 struct ScriptedResponse {
@@ -64,7 +62,6 @@ public:
     void SetHandler(Handler);          // when set, decides every answer
 
     std::vector<RecordedRequest> Requests() const; // in arrival order
-    std::size_t ConnectionCount() const;           // connections that carried a request
     void Clear(); // forgets the recorded requests
 
     struct Impl;
