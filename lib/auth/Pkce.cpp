@@ -1,8 +1,7 @@
 #include "auth/Pkce.h"
 
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
-#include <openssl/rand.h>
+#include "auth/CryptoPrimitives.h"
+#include "client/SecretWipe.h"
 
 #include <stdexcept>
 #include <vector>
@@ -35,21 +34,16 @@ std::string Base64UrlWithoutPadding(const unsigned char* data, std::size_t size)
 
 std::string RandomUrlSafeText(std::size_t byteCount) {
     std::vector<unsigned char> bytes(byteCount);
-    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
+    if (!FillRandomBytes(bytes.data(), bytes.size())) {
         throw std::runtime_error("The random number generator could not seed a login");
     }
     std::string text = Base64UrlWithoutPadding(bytes.data(), bytes.size());
     // The bytes are as secret as the verifier made from them.
-    OPENSSL_cleanse(bytes.data(), bytes.size());
+    WipeSecretBytes(bytes.data(), bytes.size());
     return text;
 }
 
 std::string CodeChallengeS256(const std::string& verifier) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int digestSize = 0;
-    if (EVP_Digest(verifier.data(), verifier.size(), digest, &digestSize, EVP_sha256(), nullptr) !=
-        1) {
-        throw std::runtime_error("SHA-256 of the code verifier failed");
-    }
-    return Base64UrlWithoutPadding(digest, digestSize);
+    const auto digest = Sha256(verifier);
+    return Base64UrlWithoutPadding(digest.data(), digest.size());
 }

@@ -8,7 +8,7 @@
 // Base64url of bytes without '=' padding (RFC 7636 appendix A).
 std::string Base64UrlWithoutPadding(const unsigned char* data, std::size_t size);
 
-// byteCount bytes from OpenSSL's CSPRNG as base64url text; throws std::runtime_error when the
+// byteCount bytes from the system's CSPRNG as base64url text; throws std::runtime_error when the
 // generator cannot deliver.
 std::string RandomUrlSafeText(std::size_t byteCount);
 

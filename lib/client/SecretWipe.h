@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 // Overwrites the characters of a string that held a secret, in a way the optimiser may not drop
@@ -8,6 +9,13 @@ template <class Char> void WipeSecret(std::basic_string<Char>& secret) {
     volatile Char* p = secret.data();
     for (std::size_t i = 0; i < secret.size(); ++i) {
         p[i] = Char();
+    }
+}
+
+inline void WipeSecretBytes(unsigned char* data, std::size_t size) {
+    volatile unsigned char* p = data;
+    for (std::size_t i = 0; i < size; ++i) {
+        p[i] = 0;
     }
 }
 

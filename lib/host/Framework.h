@@ -1,8 +1,9 @@
 #pragma once
 
-// The host application's framework types. A Windows host brings MFC; elsewhere a small portable
-// layer with the same names and semantics stands in for the few types the library and its hosts use.
-#if defined(_WIN32)
+// The host application's framework types: MFC, when the library is built for MFC hosts (the
+// build defines TRI_HOST_FRAMEWORK_MFC for the library and its hosts alike); otherwise a small
+// portable layer with the same names and semantics for the few types the library and hosts use.
+#if defined(TRI_HOST_FRAMEWORK_MFC)
 #include <afx.h>
 #include <afxtempl.h>
 #else
