@@ -145,6 +145,11 @@ std::vector<unsigned char> AnswerNtlmChallenge(NtlmSecurityContext& context,
 
 pplx::task<http_response> RunNtlmHandshake(http_client& client, http_request& request) {
     NtlmSecurityContext context(utility::conversions::to_utf8string(client.base_uri().host()));
+    return RunNtlmHandshake(client, request, context);
+}
+
+pplx::task<http_response> RunNtlmHandshake(http_client& client, http_request& request,
+                                           NtlmSecurityContext& context) {
     const std::vector<unsigned char> negotiateToken = NegotiateToken(context);
 
     const RequestRecord original(request);

@@ -15,6 +15,12 @@ class NtlmSecurityContext;
 pplx::task<web::http::http_response> RunNtlmHandshake(web::http::client::http_client& client,
                                                       web::http::http_request& request);
 
+/// The same handshake with a security context the caller made (the Windows build's tests give
+/// it an explicit account).
+pplx::task<web::http::http_response> RunNtlmHandshake(web::http::client::http_client& client,
+                                                      web::http::http_request& request,
+                                                      NtlmSecurityContext& context);
+
 /// The final leg's token: context's answer to the challenge in a WWW-Authenticate value, "NTLM "
 /// (only its length is checked) followed by the server's CHALLENGE in base64. context must have
 /// made its NEGOTIATE message. Throws std::out_of_range ("invalid string position") for a value

@@ -1,4 +1,5 @@
 #include "auth/SecurityContext.h"
+#include "client/SecretWipe.h"
 
 #ifndef SECURITY_WIN32
 #define SECURITY_WIN32
@@ -49,9 +50,12 @@ struct NtlmSecurityContext::Handles {
         if (!haveContext && status >= 0) {
             haveContext = true;
         }
-        // The bytes the buffer reports are the token, whatever the result was.
-        output.resize(outputBuffer.cbBuffer < tokenBufferSize ? outputBuffer.cbBuffer
-                                                              : tokenBufferSize);
+        // After a failure the buffer's size is whatever the package left there (Wine leaves it
+        // at the full 8192 bytes), not a token.
+        const bool produced = status == SEC_E_OK || status == SEC_I_CONTINUE_NEEDED;
+        output.resize(!produced ? 0
+                      : outputBuffer.cbBuffer < tokenBufferSize ? outputBuffer.cbBuffer
+                                                                : tokenBufferSize);
         token = std::move(output);
         return ToSecurityStatus(status);
     }
@@ -66,6 +70,27 @@ NtlmSecurityContext::NtlmSecurityContext(const std::string& /*targetHost: SSPI n
         AcquireCredentialsHandleW(nullptr, package, SECPKG_CRED_OUTBOUND, nullptr, nullptr, nullptr,
                                   nullptr, &handles_->credentials, nullptr);
     handles_->haveCredentials = status == SEC_E_OK;
+}
+
+NtlmSecurityContext::NtlmSecurityContext(const std::wstring& user, const std::wstring& domain,
+                                         const std::wstring& password)
+    : handles_(std::make_unique<Handles>()) {
+    // SSPI takes non-const buffers; it copies them, so the copies die here (the password wiped).
+    std::wstring userCopy(user), domainCopy(domain), passwordCopy(password);
+    SEC_WINNT_AUTH_IDENTITY_W identity = {};
+    identity.User = reinterpret_cast<unsigned short*>(userCopy.data());
+    identity.UserLength = static_cast<unsigned long>(userCopy.size());
+    identity.Domain = reinterpret_cast<unsigned short*>(domainCopy.data());
+    identity.DomainLength = static_cast<unsigned long>(domainCopy.size());
+    identity.Password = reinterpret_cast<unsigned short*>(passwordCopy.data());
+    identity.PasswordLength = static_cast<unsigned long>(passwordCopy.size());
+    identity.Flags = SEC_WINNT_AUTH_IDENTITY_UNICODE;
+    wchar_t package[] = L"NTLM";
+    const SECURITY_STATUS status =
+        AcquireCredentialsHandleW(nullptr, package, SECPKG_CRED_OUTBOUND, nullptr, &identity,
+                                  nullptr, nullptr, &handles_->credentials, nullptr);
+    handles_->haveCredentials = status == SEC_E_OK;
+    WipeSecret(passwordCopy);
 }
 
 NtlmSecurityContext::~NtlmSecurityContext() {
