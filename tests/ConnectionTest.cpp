@@ -219,14 +219,17 @@ TEST_F(Connection, DirectConnectionLogsInBesideTheServiceAndKeepsTheToken) {
     // The identity server under the service's /identity, as deployments have it: the service
     // passes discovery and the token call on to the real provider, whose document is changed to
     // send the token call through here; the browser goes to the provider itself. The answers come
-    // back as application/octet-stream, which the login reads all the same.
+    // back as application/octet-stream, which the login reads all the same. The login
+    // authenticates with client_secret_basic, which the provider offers first.
     testsupport::OidcProvider provider;
     service.SetHandler([&](const RecordedRequest& r, auto&) {
         if (r.path.rfind("/identity/", 0) != 0) {
             return Answer(200);
         }
         lxrepo::Request request(lxrepo::http::string_to_verb(r.method), r.target, 11);
-        request.set(lxrepo::http::field::content_type, r.HeaderValue("Content-Type").value_or(""));
+        for (const char* field : {"Content-Type", "Authorization"}) {
+            request.set(field, r.HeaderValue(field).value_or(""));
+        }
         request.body() = r.body;
         const auto answer = lxrepo::SendOnce(*lxrepo::ParseBaseUrl(provider.BaseUrl()), request);
         std::string body = answer.body();
@@ -238,6 +241,7 @@ TEST_F(Connection, DirectConnectionLogsInBesideTheServiceAndKeepsTheToken) {
     });
     client->RegisterWithAuthenticationProxy(Configuration(proxy.BaseUrl()));
     std::string token;
+    const std::string basic = "bHhkZXNrdG9wOjVkMGMxZTdhOWIzZjRhNmM4ZTJkN2YxYjBhOWM0ZTM2";
     const auto next = [&] {
         return "proxy: ; service: POST /Import/Authorization Bearer " + token + " +body";
     };
@@ -263,16 +267,16 @@ TEST_F(Connection, DirectConnectionLogsInBesideTheServiceAndKeepsTheToken) {
         EXPECT_EQ(result.version, Wide(c.version)) << "case: " << c.name;
         EXPECT_EQ(proxy.Requests().size(), 1u) << "case: " << c.name;
         const auto requests = service.Requests();
-        if (c.decision == "allow") {
+        if (c.status == Connected) {
             token = requests.back().HeaderValue("Authorization").value_or("Bearer ").substr(7);
             EXPECT_EQ(provider.ConnectStatus(token), 200) << "case: " << c.name;
         }
         // The identity server is found at the service's host and port, not below its path.
-        EXPECT_EQ(Calls(requests),
-                  "GET /identity/.well-known/openid-configuration" +
-                      (c.decision == "allow"
-                           ? ", POST /identity/token +body, GET /r/Import/Connect Bearer " + token
-                           : ""))
+        EXPECT_EQ(
+            Calls(requests),
+            "GET /identity/.well-known/openid-configuration" +
+                (c.decision == "allow" ? ", POST /identity/token Basic " + basic + " +body" : "") +
+                (c.status == Connected ? ", GET /r/Import/Connect Bearer " + token : ""))
             << "case: " << c.name;
         EXPECT_EQ(NextRequest(), next()) << "case: " << c.name;
     }

@@ -14,20 +14,6 @@ int HexValue(char c) {
     return -1;
 }
 
-void AppendEncoded(std::string& out, const std::string& text) {
-    static const char hex[] = "0123456789ABCDEF";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (IsUnreserved(byte)) {
-            out += c;
-        } else {
-            out += '%';
-            out += hex[byte >> 4];
-            out += hex[byte & 15];
-        }
-    }
-}
-
 // A '%' without two hex digits after it is kept as it stands, as browsers do.
 std::string Decode(const std::string& encoded, std::size_t begin, std::size_t end) {
     std::string out;
@@ -48,13 +34,27 @@ std::string Decode(const std::string& encoded, std::size_t begin, std::size_t en
 
 } // namespace
 
+void AppendFormEncoded(std::string& out, const std::string& text) {
+    static const char hex[] = "0123456789ABCDEF";
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (IsUnreserved(byte)) {
+            out += c;
+        } else {
+            out += '%';
+            out += hex[byte >> 4];
+            out += hex[byte & 15];
+        }
+    }
+}
+
 void AppendFormField(std::string& body, const std::string& name, const std::string& value) {
     if (!body.empty()) {
         body += '&';
     }
-    AppendEncoded(body, name);
+    AppendFormEncoded(body, name);
     body += '=';
-    AppendEncoded(body, value);
+    AppendFormEncoded(body, value);
 }
 
 std::map<std::string, std::string> ParseFormFields(const std::string& encoded) {

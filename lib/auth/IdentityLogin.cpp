@@ -88,7 +88,7 @@ IdentityLoginResult Login(const std::wstring& identityServerUrl, const std::wstr
     }
     try {
         const std::string code = RequireCode(*redirect, endpoints.issuer);
-        std::wstring token = RedeemCode(endpoints.token, kClientId, clientSecret,
+        std::wstring token = RedeemCode(endpoints, kClientId, clientSecret,
                                         {code, redirectUri, secrets.codeVerifier});
         listener.AnswerBrowser(true);
         return {std::move(token), std::wstring(), kLoggedIn};

@@ -20,13 +20,18 @@ private:
     std::wstring text_;
 };
 
+// How this application proves itself at the token endpoint, as discovery offers.
+enum class ClientAuthentication { SecretBasic, SecretPost };
+
 struct OpenIdEndpoints {
     utility::string_t issuer;
     utility::string_t authorization;
     utility::string_t token;
+    ClientAuthentication clientAuthentication;
 };
 
-// Reads "<identityServerUrl>/.well-known/openid-configuration".
+// Reads "<identityServerUrl>/.well-known/openid-configuration". A server that offers neither
+// client_secret_basic nor client_secret_post, or PKCE without S256, is refused.
 OpenIdEndpoints DiscoverEndpoints(const std::wstring& identityServerUrl);
 
 // Borrowed, so that the verifier keeps its one copy, the one its owner wipes.
@@ -36,7 +41,7 @@ struct AuthorizationCodeGrant {
     const std::string& codeVerifier;
 };
 
-// Redeems the code at the token endpoint for an access token. The client authenticates with
-// client_secret_post: id and secret as form fields beside the grant.
-std::wstring RedeemCode(const utility::string_t& tokenEndpoint, const std::string& clientId,
+// Redeems the code at the token endpoint for an access token, authenticating the client as
+// discovery chose.
+std::wstring RedeemCode(const OpenIdEndpoints& endpoints, const std::string& clientId,
                         const std::wstring& clientSecret, const AuthorizationCodeGrant& grant);

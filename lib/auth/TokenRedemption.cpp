@@ -6,6 +6,8 @@
 #include <cpprest/http_client.h>
 #include <cpprest/json.h>
 
+#include <vector>
+
 namespace {
 
 // Wipes a secret string however the scope is left.
@@ -20,18 +22,42 @@ private:
     std::basic_string<Char>& secret_;
 };
 
+// With client_secret_basic the id and secret travel in the Authorization header instead, and
+// RFC 6749 section 4.1.3 leaves client_id out of the body.
 std::string TokenRequestBody(const std::string& clientId, const std::wstring& clientSecret,
+                             ClientAuthentication authentication,
                              const AuthorizationCodeGrant& grant) {
     std::string body;
     AppendFormField(body, "grant_type", "authorization_code");
     AppendFormField(body, "code", grant.code);
     AppendFormField(body, "redirect_uri", grant.redirectUri);
     AppendFormField(body, "code_verifier", grant.codeVerifier);
-    AppendFormField(body, "client_id", clientId);
+    if (authentication == ClientAuthentication::SecretPost) {
+        AppendFormField(body, "client_id", clientId);
+        std::string secret = ToUtf8(clientSecret);
+        const WipeOnExit<char> wipeSecret(secret);
+        AppendFormField(body, "client_secret", secret);
+    }
+    return body;
+}
+
+// RFC 6749 section 2.3.1: id and secret are each form-encoded before they are joined for HTTP
+// Basic, so a ':' in either survives.
+utility::string_t BasicAuthorization(const std::string& clientId,
+                                     const std::wstring& clientSecret) {
     std::string secret = ToUtf8(clientSecret);
     const WipeOnExit<char> wipeSecret(secret);
-    AppendFormField(body, "client_secret", secret);
-    return body;
+    std::string joined;
+    const WipeOnExit<char> wipeJoined(joined);
+    joined.reserve(3 * (clientId.size() + secret.size()) + 1); // no copy left behind by growth
+    AppendFormEncoded(joined, clientId);
+    joined += ':';
+    AppendFormEncoded(joined, secret);
+    std::vector<unsigned char> bytes(joined.begin(), joined.end());
+    utility::string_t encoded = utility::conversions::to_base64(bytes);
+    WipeSecretBytes(bytes.data(), bytes.size());
+    const WipeOnExit<utility::char_t> wipeEncoded(encoded);
+    return U("Basic ") + encoded;
 }
 
 // RFC 6749 section 5.2: error_description is for people, error the code when there is none.
@@ -76,16 +102,24 @@ std::wstring TakeAccessToken(web::json::value& answer, web::http::status_code st
 
 } // namespace
 
-std::wstring RedeemCode(const utility::string_t& tokenEndpoint, const std::string& clientId,
+std::wstring RedeemCode(const OpenIdEndpoints& endpoints, const std::string& clientId,
                         const std::wstring& clientSecret, const AuthorizationCodeGrant& grant) {
     web::http::http_request request(web::http::methods::POST);
     request.headers().add(U("Accept"), U("application/json"));
+    if (endpoints.clientAuthentication == ClientAuthentication::SecretBasic) {
+        utility::string_t authorization = BasicAuthorization(clientId, clientSecret);
+        const WipeOnExit<utility::char_t> wipeAuthorization(authorization);
+        request.headers().add(web::http::header_names::authorization, authorization);
+    }
     {
-        std::string body = TokenRequestBody(clientId, clientSecret, grant);
+        std::string body =
+            TokenRequestBody(clientId, clientSecret, endpoints.clientAuthentication, grant);
         const WipeOnExit<char> wipeBody(body);
+        // The UTF-8 overload takes the type as it stands; the UTF-16 one would append a charset,
+        // and some identity servers compare the type literally.
         request.set_body(body, "application/x-www-form-urlencoded");
     }
-    web::http::client::http_client client(tokenEndpoint);
+    web::http::client::http_client client(endpoints.token);
     const web::http::http_response response = client.request(request).get();
 
     utility::string_t text =

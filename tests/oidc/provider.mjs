@@ -1,6 +1,6 @@
 // The OpenID provider of every test that needs one, on loopback only.
 //
-//   node provider.mjs [port] [issuer]      (port 0 or none: a free one)
+//   node provider.mjs [port] [issuer] [variation]      (port 0 or none: a free one)
 //
 // Without an issuer it stands alone: the issuer is http://127.0.0.1:<port>/identity, and beside
 // it GET /Import/Connect plays the repository service (200 for a bearer access token this
@@ -14,7 +14,12 @@
 // (client credentials); "lxrepo-service", which may introspect both kinds.
 //
 // Whoever comes to the login is alice and consents, unless the cookie "test_decision" is "deny",
-// which refuses the login.
+// which refuses the login. Like some providers, it refuses a token request whose Content-Type is
+// not exactly application/x-www-form-urlencoded.
+//
+// The variation, JSON, makes it another provider: "auth" is the one client authentication it
+// offers and its clients use (else client_secret_basic among the usual ones); "discovery" sets
+// members of its document; null removes a member.
 // Prints "listening <port>" on stdout once it serves.
 import http from 'node:http';
 import Provider from 'oidc-provider';
@@ -24,7 +29,8 @@ const USER = 'alice';
 const DENIED_TEXT = 'alice declined to let the desktop import tables';
 
 const requestedPort = Number(process.argv[2] ?? 0);
-const givenIssuer = process.argv[3];
+const givenIssuer = process.argv[3] || undefined;
+const variation = JSON.parse(process.argv[4] || '{}');
 const MOUNT = givenIssuer ? new URL(givenIssuer).pathname.replace(/\/$/, '') : '/identity';
 let provider; // set once the issuer is known, which alone may need the port
 
@@ -39,7 +45,6 @@ function configuration() {
         redirect_uris: ['http://127.0.0.1/callback'],
         grant_types: ['authorization_code'],
         response_types: ['code'],
-        token_endpoint_auth_method: 'client_secret_post',
       },
       {
         client_id: 'lxrepo-proxy',
@@ -55,7 +60,8 @@ function configuration() {
         response_types: [],
         redirect_uris: [],
       },
-    ],
+    ].map((client) => ({ ...client, token_endpoint_auth_method: variation.auth })),
+    ...(variation.auth && { clientAuthMethods: [variation.auth] }),
     pkce: { required: () => true },
     features: {
       devInteractions: { enabled: false },
@@ -113,8 +119,24 @@ async function importConnect(req, res) {
   send(res, valid ? 200 : 401, valid ? `connected as ${token.accountId}` : 'not authorized');
 }
 
+function vary(object, changes) {
+  for (const [name, value] of Object.entries(changes ?? {})) {
+    if (value === null) delete object[name];
+    else object[name] = value;
+  }
+}
+
+async function varyAnswers(ctx, next) {
+  await next();
+  if (ctx.path === '/.well-known/openid-configuration') vary(ctx.body, variation.discovery);
+}
+
 async function route(req, res) {
   const url = new URL(req.url, 'http://127.0.0.1');
+  if (url.pathname === `${MOUNT}/token` &&
+      req.headers['content-type'] !== 'application/x-www-form-urlencoded') {
+    return send(res, 400, '{"error":"invalid_request"}', 'application/json');
+  }
   if (!givenIssuer && url.pathname === '/Import/Connect' && req.method === 'GET') {
     return importConnect(req, res);
   }
@@ -142,6 +164,7 @@ server.listen(requestedPort, '127.0.0.1', () => {
   const { port } = server.address();
   provider = new Provider(givenIssuer ?? `http://127.0.0.1:${port}${MOUNT}`, configuration());
   provider.proxy = Boolean(givenIssuer);
+  provider.use(varyAnswers);
   process.stdout.write(`listening ${port}\n`);
 });
 

@@ -12,14 +12,14 @@ namespace testsupport {
 
 namespace {
 
-std::vector<std::string> NodeCommand() {
+std::vector<std::string> NodeCommand(const std::string& variation) {
     const std::filesystem::path dir = TRI_OIDC_DIR;
     if (!std::filesystem::exists(dir / "node_modules" / "oidc-provider" / "package.json")) {
         throw std::runtime_error("the OpenID provider's npm packages are missing from " +
                                  (dir / "node_modules").string() +
                                  ": run `npm ci --prefix tests/oidc` in the source tree");
     }
-    return {"node", (dir / "provider.mjs").string(), "0"};
+    return {"node", (dir / "provider.mjs").string(), "0", "", variation};
 }
 
 // A GET of an http URL with a path, carrying one header.
@@ -32,7 +32,8 @@ lxrepo::Response HttpGet(const std::string& url, const std::string& header,
 
 } // namespace
 
-OidcProvider::OidcProvider() : node_(std::make_unique<ChildProcess>(NodeCommand())) {}
+OidcProvider::OidcProvider(const std::string& variation)
+    : node_(std::make_unique<ChildProcess>(NodeCommand(variation))) {}
 
 int OidcProvider::ConnectStatus(const std::string& accessToken) const {
     return static_cast<int>(

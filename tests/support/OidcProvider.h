@@ -19,9 +19,9 @@ inline constexpr char kOidcDeniedText[] = "alice declined to let the desktop imp
 
 class OidcProvider {
 public:
-    // Starts `node tests/oidc/provider.mjs`. Throws std::runtime_error, saying what to do, when
-    // node or the npm packages are missing.
-    OidcProvider();
+    // Starts `node tests/oidc/provider.mjs`, as the variation (JSON, see there) makes it. Throws
+    // std::runtime_error, saying what to do, when node or the npm packages are missing.
+    explicit OidcProvider(const std::string& variation = "");
     // Ends the node process; the port no longer answers afterwards.
     void Stop() { node_->Stop(SIGTERM); }
 
