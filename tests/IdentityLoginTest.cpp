@@ -82,7 +82,7 @@ TEST(IdentityLogin, EndsAsTheBrowserDecides) {
         {"favicon before the answer", "/favicon.ico", "allow", 0, "",
          "404 There is nothing here. " + done},
         {"error without description", callback + "error=temporarily_unavailable", "", 1,
-         "temporarily_unavailable", failed},
+         "The identity server refused the login: temporarily_unavailable.", failed},
         {"the identity server refuses the code", callback + "code=forged", "", 1,
          "grant request is invalid", failed},
         // RFC 9207: "iss" is checked when it is there; an identity server may leave it out.

@@ -58,8 +58,7 @@ std::string FieldOr(const LoopbackListener::Fields& fields, const char* name) {
 std::string RequireCode(const LoopbackListener::Fields& redirect, const utility::string_t& issuer) {
     const std::string error = FieldOr(redirect, "error");
     if (!error.empty()) {
-        const std::string description = FieldOr(redirect, "error_description");
-        throw IdentityServerRefusal(FromUtf8(description.empty() ? error : description));
+        throw ErrorAnswerRefusal(FromUtf8(FieldOr(redirect, "error_description")), FromUtf8(error));
     }
     // RFC 9207: an identity server that names itself in the answer must be the one we asked.
     const std::string answeredBy = FieldOr(redirect, "iss");

@@ -20,6 +20,15 @@ private:
     std::wstring text_;
 };
 
+// An error answer (RFC 6749 sections 4.1.2.1 and 5.2): error_description is written for people;
+// a bare error code goes into a sentence, so that nobody is shown a code alone.
+inline IdentityServerRefusal ErrorAnswerRefusal(const std::wstring& description,
+                                                const std::wstring& code) {
+    return IdentityServerRefusal(description.empty()
+                                     ? L"The identity server refused the login: " + code + L"."
+                                     : description);
+}
+
 // How this application proves itself at the token endpoint, as discovery offers.
 enum class ClientAuthentication { SecretBasic, SecretPost };
 

@@ -60,15 +60,19 @@ utility::string_t BasicAuthorization(const std::string& clientId,
     return U("Basic ") + encoded;
 }
 
-// RFC 6749 section 5.2: error_description is for people, error the code when there is none.
-std::wstring RefusalText(const web::json::value& answer, web::http::status_code status) {
-    for (const auto* member : {U("error_description"), U("error")}) {
-        if (answer.is_object() && answer.has_string_field(member) &&
-            !answer.at(member).as_string().empty()) {
-            return ToWide(answer.at(member).as_string());
-        }
+std::wstring WideMember(const web::json::value& answer, const utility::char_t* name) {
+    return answer.is_object() && answer.has_string_field(name) ? ToWide(answer.at(name).as_string())
+                                                               : std::wstring();
+}
+
+IdentityServerRefusal TokenRefusal(const web::json::value& answer, web::http::status_code status) {
+    const std::wstring description = WideMember(answer, U("error_description"));
+    const std::wstring code = WideMember(answer, U("error"));
+    if (description.empty() && code.empty()) {
+        return IdentityServerRefusal(L"The identity server issued no access token (HTTP " +
+                                     std::to_wstring(status) + L").");
     }
-    return L"The identity server issued no access token (HTTP " + std::to_wstring(status) + L").";
+    return ErrorAnswerRefusal(description, code);
 }
 
 // Access tokens are printable ASCII (RFC 6749 appendix A.12), so the wide copy is made here
@@ -91,7 +95,7 @@ std::wstring TakeAccessToken(web::json::value& answer, web::http::status_code st
     if (status != web::http::status_codes::OK || !answer.is_object() ||
         !answer.has_string_field(U("access_token")) ||
         answer.at(U("access_token")).as_string().empty()) {
-        throw IdentityServerRefusal(RefusalText(answer, status));
+        throw TokenRefusal(answer, status);
     }
     // The JSON value owns the token's only other copy; the value is ours, so its text may be
     // overwritten in place.
