@@ -209,19 +209,24 @@ TEST_F(Connection, DirectConnectionLogsInBesideTheServiceAndKeepsTheToken) {
         std::string decision; // of the user at the provider; "" for one who never comes back
         int status;
         CString errorText;
+        std::string variation = ""; // of the provider (provider.mjs)
     };
     const Case cases[] = {
         {"connected", "2.0.0", "allow", Connected, L""},
         {"any text that starts with 2, the user refuses the login", "2", "deny",
          AuthenticationFailed, Wide(testsupport::kOidcDeniedText)},
         {"the user never comes back", "2", "", AuthenticationFailed, L"Authentication timeout"},
+        // The token is issued, but the login refuses it: it must not reach the service.
+        {"the ID token is of another login", "2", "allow", AuthenticationFailed,
+         L"The identity server's ID token was issued for another login (nonce mismatch).",
+         R"({"idToken":{"nonce":"x"}})"},
     };
     // The identity server under the service's /identity, as deployments have it: the service
     // passes discovery and the token call on to the real provider, whose document is changed to
     // send the token call through here; the browser goes to the provider itself. The answers come
     // back as application/octet-stream, which the login reads all the same. The login
     // authenticates with client_secret_basic, which the provider offers first.
-    testsupport::OidcProvider provider;
+    std::optional<testsupport::OidcProvider> provider;
     service.SetHandler([&](const RecordedRequest& r, auto&) {
         if (r.path.rfind("/identity/", 0) != 0) {
             return Answer(200);
@@ -231,21 +236,24 @@ TEST_F(Connection, DirectConnectionLogsInBesideTheServiceAndKeepsTheToken) {
             request.set(field, r.HeaderValue(field).value_or(""));
         }
         request.body() = r.body;
-        const auto answer = lxrepo::SendOnce(*lxrepo::ParseBaseUrl(provider.BaseUrl()), request);
+        const auto answer = lxrepo::SendOnce(*lxrepo::ParseBaseUrl(provider->BaseUrl()), request);
         std::string body = answer.body();
-        const std::string token = provider.IdentityUrl() + "/token\"";
+        const std::string token = provider->IdentityUrl() + "/token\"";
         if (const std::size_t at = body.find(token); at != std::string::npos) {
             body.replace(at, token.size(), service.BaseUrl() + "/identity/token\"");
         }
         return Answer(static_cast<int>(answer.result_int()), "application/octet-stream", body);
     });
     client->RegisterWithAuthenticationProxy(Configuration(proxy.BaseUrl()));
-    std::string token;
+    std::string token, variation;
     const std::string basic = "bHhkZXNrdG9wOjVkMGMxZTdhOWIzZjRhNmM4ZTJkN2YxYjBhOWM0ZTM2";
     const auto next = [&] {
         return "proxy: ; service: POST /Import/Authorization Bearer " + token + " +body";
     };
     for (const Case& c : cases) {
+        if (!provider || c.variation != variation) {
+            provider.emplace(variation = c.variation);
+        }
         proxy.Clear();
         service.Clear();
         testsupport::LaunchedBrowser browser([&](const std::string& url) {
@@ -269,7 +277,7 @@ TEST_F(Connection, DirectConnectionLogsInBesideTheServiceAndKeepsTheToken) {
         const auto requests = service.Requests();
         if (c.status == Connected) {
             token = requests.back().HeaderValue("Authorization").value_or("Bearer ").substr(7);
-            EXPECT_EQ(provider.ConnectStatus(token), 200) << "case: " << c.name;
+            EXPECT_EQ(provider->ConnectStatus(token), 200) << "case: " << c.name;
         }
         // The identity server is found at the service's host and port, not below its path.
         EXPECT_EQ(

@@ -112,6 +112,27 @@ TEST(IdentityLogin, EndsAsTheBrowserDecides) {
          "The identity server does not take the S256 code challenge (PKCE) that this login sends; "
          "it offers plain.",
          "", R"({"discovery":{"code_challenge_methods_supported":["plain"]}})"},
+        {"token answer without an ID token", "", "allow", 0, "", done,
+         R"({"token":{"id_token":null}})"},
+        {"ID token for the login and another audience", "", "allow", 0, "", done,
+         R"({"idToken":{"aud":["lxrepo-service","lxdesktop"]}})"},
+        {"ID token for another audience", "", "allow", 1,
+         "The identity server's ID token was issued for another application (aud mismatch).",
+         failed, R"({"idToken":{"aud":"lxrepo-service"}})"},
+        {"ID token from another issuer", "", "allow", 1,
+         "The identity server's ID token was issued by another identity server (iss mismatch).",
+         failed, R"({"idToken":{"iss":"http://127.0.0.1:1/identity"}})"},
+        {"ID token expired a minute ago, within the clock skew", "", "allow", 0, "", done,
+         R"({"idToken":{"exp":-60}})"},
+        {"ID token expired ten minutes ago", "", "allow", 1,
+         "The identity server's ID token has expired (exp); check the computer's clock.", failed,
+         R"({"idToken":{"exp":-600}})"},
+        {"ID token of another login", "", "allow", 1,
+         "The identity server's ID token was issued for another login (nonce mismatch).", failed,
+         R"({"idToken":{"nonce":"x"}})"},
+        {"ID token without a nonce", "", "allow", 1,
+         "The identity server's ID token was issued for another login (nonce mismatch).", failed,
+         R"({"idToken":{"nonce":null}})"},
         // Last: it stops the provider.
         {"identity server gone before the code is redeemed", callback + "code=any", "", 0, "",
          failed, "", "{provider}/identity", refused, true},
@@ -168,12 +189,12 @@ TEST(IdentityLogin, EndsAsTheBrowserDecides) {
             continue;
         }
         // The provider holds the authorization request to its rules (client, redirect address,
-        // S256 challenge of the verifier); a state and challenge of its own every time
+        // S256 challenge of the verifier); a state, nonce and challenge of its own every time
         // remain. The listener's port is one the system picks (a fixed privileged one would work
         // for root alone), and it can be bound again once the login has ended, though the browser's
         // connections to it wait out TIME_WAIT there.
         auto query = QueryFields(browser.url);
-        for (const char* field : {"state", "code_challenge"}) {
+        for (const char* field : {"state", "nonce", "code_challenge"}) {
             EXPECT_GE(query[field].size(), 22u) << "case: " << c.name << ": " << field;
             EXPECT_NE(query[field], previous[field]) << "case: " << c.name << ": " << field;
         }

@@ -21,11 +21,12 @@ const std::string kClientId = "lxdesktop";
 const std::string kCallbackPath = "/callback";
 
 // The random texts of one login. 32 bytes make the 43-character verifier that RFC 7636 asks
-// for at least; the state only has to be unguessable.
+// for at least; the state and the nonce only have to be unguessable. Some identity servers
+// refuse a login without a nonce once the scope holds openid.
 struct LoginSecrets {
     LoginSecrets()
         : codeVerifier(RandomUrlSafeText(32)), codeChallenge(CodeChallengeS256(codeVerifier)),
-          state(RandomUrlSafeText(16)) {}
+          state(RandomUrlSafeText(16)), nonce(RandomUrlSafeText(16)) {}
     ~LoginSecrets() { WipeSecret(codeVerifier); }
     LoginSecrets(const LoginSecrets&) = delete;
     LoginSecrets& operator=(const LoginSecrets&) = delete;
@@ -33,6 +34,7 @@ struct LoginSecrets {
     std::string codeVerifier;
     std::string codeChallenge;
     std::string state;
+    std::string nonce;
 };
 
 std::wstring AuthorizationUrl(const utility::string_t& endpoint, const std::string& redirectUri,
@@ -45,6 +47,7 @@ std::wstring AuthorizationUrl(const utility::string_t& endpoint, const std::stri
     // openid alone: the identity server decides which service the access token is for.
     url.append_query(U("scope"), U("openid"));
     url.append_query(U("state"), to_string_t(secrets.state));
+    url.append_query(U("nonce"), to_string_t(secrets.nonce));
     url.append_query(U("code_challenge"), to_string_t(secrets.codeChallenge));
     url.append_query(U("code_challenge_method"), U("S256"));
     return ToWide(url.to_string());
@@ -88,7 +91,7 @@ IdentityLoginResult Login(const std::wstring& identityServerUrl, const std::wstr
     try {
         const std::string code = RequireCode(*redirect, endpoints.issuer);
         std::wstring token = RedeemCode(endpoints, kClientId, clientSecret,
-                                        {code, redirectUri, secrets.codeVerifier});
+                                        {code, redirectUri, secrets.codeVerifier, secrets.nonce});
         listener.AnswerBrowser(true);
         return {std::move(token), std::wstring(), kLoggedIn};
     } catch (...) {

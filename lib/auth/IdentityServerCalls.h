@@ -48,9 +48,10 @@ struct AuthorizationCodeGrant {
     const std::string& code;
     const std::string& redirectUri;
     const std::string& codeVerifier;
+    const std::string& nonce; // of the authorization request, which the ID token must carry
 };
 
 // Redeems the code at the token endpoint for an access token, authenticating the client as
-// discovery chose.
+// discovery chose. An ID token in the answer must belong to this login (IdTokenClaims.h).
 std::wstring RedeemCode(const OpenIdEndpoints& endpoints, const std::string& clientId,
                         const std::wstring& clientSecret, const AuthorizationCodeGrant& grant);

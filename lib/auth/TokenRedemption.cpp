@@ -1,4 +1,5 @@
 #include "auth/FormEncoding.h"
+#include "auth/IdTokenClaims.h"
 #include "auth/IdentityServerCalls.h"
 #include "client/SecretWipe.h"
 #include "client/TextConversion.h"
@@ -91,7 +92,8 @@ std::wstring WideToken(const utility::string_t& token) {
     return wide;
 }
 
-std::wstring TakeAccessToken(web::json::value& answer, web::http::status_code status) {
+std::wstring TakeAccessToken(web::json::value& answer, web::http::status_code status,
+                             const IdTokenExpectations& expected) {
     if (status != web::http::status_codes::OK || !answer.is_object() ||
         !answer.has_string_field(U("access_token")) ||
         answer.at(U("access_token")).as_string().empty()) {
@@ -101,6 +103,10 @@ std::wstring TakeAccessToken(web::json::value& answer, web::http::status_code st
     // overwritten in place.
     auto& token = const_cast<utility::string_t&>(answer.at(U("access_token")).as_string());
     const WipeOnExit<utility::char_t> wipeToken(token);
+    // An access token that came with an ID token of another login is not ours to use.
+    if (answer.has_string_field(U("id_token"))) {
+        CheckIdTokenClaims(answer.at(U("id_token")).as_string(), expected);
+    }
     return WideToken(token);
 }
 
@@ -131,5 +137,6 @@ std::wstring RedeemCode(const OpenIdEndpoints& endpoints, const std::string& cli
     const WipeOnExit<utility::char_t> wipeText(text);
     std::error_code notJson;
     web::json::value answer = web::json::value::parse(text, notJson);
-    return TakeAccessToken(answer, response.status_code());
+    return TakeAccessToken(answer, response.status_code(),
+                           {endpoints.issuer, clientId, grant.nonce});
 }

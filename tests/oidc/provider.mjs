@@ -19,7 +19,8 @@
 //
 // The variation, JSON, makes it another provider: "auth" is the one client authentication it
 // offers and its clients use (else client_secret_basic among the usual ones); "discovery" sets
-// members of its document; null removes a member.
+// members of its document, "token" of its token answers, and "idToken" claims of the ID tokens
+// it issues ("exp": seconds from now); null removes a member.
 // Prints "listening <port>" on stdout once it serves.
 import http from 'node:http';
 import Provider from 'oidc-provider';
@@ -122,13 +123,21 @@ async function importConnect(req, res) {
 function vary(object, changes) {
   for (const [name, value] of Object.entries(changes ?? {})) {
     if (value === null) delete object[name];
-    else object[name] = value;
+    else object[name] = name === 'exp' ? Math.floor(Date.now() / 1000) + value : value;
   }
 }
 
 async function varyAnswers(ctx, next) {
   await next();
   if (ctx.path === '/.well-known/openid-configuration') vary(ctx.body, variation.discovery);
+  if (ctx.path === '/token' && ctx.status === 200) vary(ctx.body, variation.token);
+  if (ctx.path === '/token' && ctx.body?.id_token && variation.idToken) {
+    const parts = ctx.body.id_token.split('.');
+    const claims = JSON.parse(Buffer.from(parts[1], 'base64url'));
+    vary(claims, variation.idToken);
+    parts[1] = Buffer.from(JSON.stringify(claims)).toString('base64url');
+    ctx.body.id_token = parts.join('.');
+  }
 }
 
 async function route(req, res) {
