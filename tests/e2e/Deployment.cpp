@@ -17,8 +17,6 @@ using namespace servertest;
 
 namespace {
 
-constexpr long kChunk = 4; // rows or distinct values per request
-
 const char kClientName[] = "Desk \xC3\xBC 7";
 
 // The current user's NTLM credentials, which the library's handshake (and a proxy without
@@ -33,29 +31,6 @@ const bool kDefaultNtlmUser = [] {
 
 } // namespace
 
-Table GenerateTable(const std::string& name, int variant) {
-    Table table{
-        name,
-        {{"Kunde, \xC3\xB6rtlich",
-          {"M\xC3\xBCller, \"Max\"", "\xE6\x9D\xB1\xE4\xBA\xAC", "clef \xF0\x9D\x84\x9E", "",
-           " leading and trailing ", "line\nbreak\tand tab", "back\\slash 'single' %41 & +"},
-          {},
-          1},
-         {"Quantity", {"-500", "5\xE2\x80\x89kg", "007", "2147483647"}, {}, 3},
-         {"Price in \xE2\x82\xAC (%)", {"-13.07", "0.50", "1e3"}, {}, 4},
-         {"Order date", {"2024-02-29", "1999-12-31"}, {}, 7}}};
-    for (std::size_t c = 0; c < table.columns.size(); ++c) {
-        auto& column = table.columns[c];
-        // Every value, and a missing one every seventh row, shifted per column.
-        for (int row = 0; row < table.rows; ++row) {
-            column.ids.push_back((row + c + variant) % 7 == 0
-                                     ? -1
-                                     : (row + variant) % static_cast<int>(column.values.size()));
-        }
-    }
-    return table;
-}
-
 std::vector<Row> ExpectedRows(const Table& table) {
     std::vector<Row> rows(static_cast<std::size_t>(table.rows));
     for (std::size_t row = 0; row < rows.size(); ++row) {
@@ -66,62 +41,6 @@ std::vector<Row> ExpectedRows(const Table& table) {
         }
     }
     return rows;
-}
-
-Imported ImportThroughLibrary(const Endpoint& endpoint, const Table& table, bool end) {
-    Imported result;
-    result.client.reset(dynamic_cast<CTableRepositoryImport*>(new_TableRepositoryImport()));
-    CTableRepositoryImport& client = *result.client;
-    testsupport::HostTable host(table.columns);
-    testsupport::HostDefinitions definitions;
-    for (const auto& column : table.columns) {
-        definitions.Add(ToCString(column.name)).Type = column.type;
-    }
-    result.failure = [&]() -> std::string {
-        client.RegisterWithAuthenticationProxy(endpoint.proxy);
-        result.connection = client.TestConnection(ToCString(endpoint.serviceUrl));
-        if (result.connection.status != endpoint.connectionStatus) {
-            return "TestConnection: " + std::to_string(result.connection.status) + " " +
-                   ToStringT(result.connection.errorText);
-        }
-        if (client.IsAuthorized(ToCString(table.tableClass)) != 1) {
-            return "IsAuthorized";
-        }
-        auto [status, id] = client.CreateTable(ToCString(table.name), ToCString(table.tableClass),
-                                               ToCString(table.description), 0, table.rows);
-        result.id = ToStringT(id);
-        if (status != 201) {
-            return "CreateTable: " + std::to_string(status);
-        }
-        if (client.CreateAttributeDefinitions(id, definitions.List()) != 1) {
-            return "CreateAttributeDefinitions";
-        }
-        for (std::size_t c = 0; c < table.columns.size(); ++c) {
-            const CString name = ToCString(table.columns[c].name);
-            const auto count = static_cast<long>(table.columns[c].values.size());
-            bool ok = client.BeginDistinctValues(id, name) == 1;
-            // The texts are read by pointer for two columns and copied for the others.
-            for (long first = 0; ok && first < count; first += kChunk) {
-                ok = client.ImportDistinctValuesChunk(
-                         id, name, first, std::min(count, first + kChunk), host.DistinctValues(c),
-                         c % 2 == 0 ? 1 : 0) == 1;
-            }
-            if (!ok || client.EndDistinctValues(id, name) != 1) {
-                return "distinct values of " + table.columns[c].name;
-            }
-        }
-        const long rows = table.rows;
-        bool ok = client.BeginImportValueIds(id, host.Attributes()) == 1;
-        for (long first = 0; ok && first < rows; first += kChunk) {
-            ok = client.ImportValueIdsChunk(id, first, std::min(rows, first + kChunk),
-                                            host.Attributes(), 0) == 1;
-        }
-        if (!ok || client.EndImportValueIds(id, host.Attributes()) != 1) {
-            return "value ids";
-        }
-        return !end || client.EndImport(id) == 1 ? "" : "EndImport";
-    }();
-    return result;
 }
 
 Endpoint NtlmSelfProxy(unsigned short port) {
@@ -161,6 +80,9 @@ Deployment::Deployment(Way way, const std::string& database,
             [](const std::string& url) { testsupport::TestBrowser("allow").Visit(url); });
         TableRepositorySetBrowserLauncher(&testsupport::LaunchedBrowser::Launch, browser_.get());
         TableRepositorySetLoginTimeout(20000);
+    } else if (way == Way::Plain) {
+        // On this machine and without authentication: the library's requests go out plain.
+        proxy.proxy.version = "1.0.0";
     } else {
         WriteNtlmUsers(files_.File("service.users"));
         service.http.address = kNtlmServiceHost;
@@ -184,7 +106,7 @@ Deployment::Deployment(Way way, const std::string& database,
     proxyServer = std::make_unique<RunningServer>(proxy);
     host = {testsupport::ProxyConfiguration(proxyServer->Url(), kClientName, service_->Url(),
                                             provider_ ? 1 : 0),
-            service_->Url(), way == Way::Ntlm ? VersionNotSupported : Connected};
+            service_->Url(), way == Way::Ntlm || way == Way::Plain ? VersionNotSupported : Connected};
 }
 
 Deployment::~Deployment() {

@@ -2,7 +2,7 @@
 // so that operation tests drive the public API exactly as a host does.
 #pragma once
 
-#include "TableRepositoryImport.h"
+#include "support/HostRecords.h"
 #include "support/RecordingServer.h"
 
 #include <memory>
@@ -10,26 +10,6 @@
 #include <string>
 
 namespace testsupport {
-
-inline CString Wide(const std::string& utf8) { return CString(utf8.c_str()); }
-
-// The proxy configuration a host registers with, at the paths lxrepo-server's proxy serves.
-// authenticationType 1: the proxy brings a token; 0: NTLM.
-inline CAuthenticationProxyConfiguration ProxyConfiguration(const std::string& proxyUrl,
-                                                            const std::string& client,
-                                                            const std::string& server,
-                                                            int authenticationType = 0) {
-    CAuthenticationProxyConfiguration config;
-    config.proxyBaseUri = Wide(proxyUrl);
-    config.registrationPath = L"/register";
-    config.unregistrationPath = L"/unregister";
-    config.proxyPath = L"/forward";
-    config.connectPath = L"/connect";
-    config.clientName = Wide(client);
-    config.serverName = Wide(server);
-    config.authenticationType = authenticationType;
-    return config;
-}
 
 // How the connection test leaves the client.
 enum class ConnectedBy {

@@ -16,6 +16,26 @@
 
 namespace testsupport {
 
+inline CString Wide(const std::string& utf8) { return CString(utf8.c_str()); }
+
+// The proxy configuration a host registers with, at the paths lxrepo-server's proxy serves.
+// authenticationType 1: the proxy brings a token; 0: NTLM.
+inline CAuthenticationProxyConfiguration ProxyConfiguration(const std::string& proxyUrl,
+                                                            const std::string& client,
+                                                            const std::string& server,
+                                                            int authenticationType = 0) {
+    CAuthenticationProxyConfiguration config;
+    config.proxyBaseUri = Wide(proxyUrl);
+    config.registrationPath = L"/register";
+    config.unregistrationPath = L"/unregister";
+    config.proxyPath = L"/forward";
+    config.connectPath = L"/connect";
+    config.clientName = Wide(client);
+    config.serverName = Wide(server);
+    config.authenticationType = authenticationType;
+    return config;
+}
+
 // Every host call of a test, in order, and the threads they came on: the library may call the
 // readers on a worker thread.
 class HostLog {
