@@ -3,8 +3,9 @@
 # (GCC), and a clang build with AddressSanitizer + UndefinedBehaviorSanitizer (LeakSanitizer on)
 # that also holds the fuzz targets; then the tests where threads meet under ThreadSanitizer
 # (clang too: it compiles these sources two to three times faster than GCC). One whole import
-# also runs under valgrind memcheck on the normal build, and the fuzz targets replay their
-# corpora and fuzz for a while each.
+# also runs under valgrind memcheck on the normal build, the Windows build runs its tests under
+# Wine (scripts/windows-test.sh), and the fuzz targets replay their corpora and fuzz for a while
+# each.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
@@ -33,6 +34,9 @@ valgrind --quiet --error-exitcode=1 --leak-check=full --errors-for-leak-kinds=de
   tee "$root/build/normal/valgrind.log"
 # A renamed test would leave the filter matching nothing, and gtest passes an empty run.
 grep -q '^\[  PASSED  \] 1 test\.' "$root/build/normal/valgrind.log"
+
+phase "Windows: the library cross-built with mingw-w64, its tests under Wine"
+"$root/scripts/windows-test.sh"
 
 # One clang build serves the sanitizer suite and the fuzz targets (libFuzzer needs clang and
 # coverage instrumentation, which costs the tests little); two builds would take twice as long.
