@@ -53,7 +53,7 @@ struct NtlmSecurityContext::Handles {
         // After a failure the buffer's size is whatever the package left there (Wine leaves it
         // at the full 8192 bytes), not a token.
         const bool produced = status == SEC_E_OK || status == SEC_I_CONTINUE_NEEDED;
-        output.resize(!produced ? 0
+        output.resize(!produced                                 ? 0
                       : outputBuffer.cbBuffer < tokenBufferSize ? outputBuffer.cbBuffer
                                                                 : tokenBufferSize);
         token = std::move(output);

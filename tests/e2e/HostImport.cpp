@@ -17,7 +17,8 @@ std::string Utf8(const CString& text) {
     for (int i = 0; i < text.GetLength(); ++i) {
         unsigned long cp = static_cast<unsigned long>(units[i]);
         if (cp >= 0xD800 && cp < 0xDC00 && i + 1 < text.GetLength()) {
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (static_cast<unsigned long>(units[++i]) - 0xDC00);
+            cp =
+                0x10000 + ((cp - 0xD800) << 10) + (static_cast<unsigned long>(units[++i]) - 0xDC00);
         }
         static const unsigned char lead[] = {0x00, 0xC0, 0xE0, 0xF0};
         const int extra = cp < 0x80 ? 0 : cp < 0x800 ? 1 : cp < 0x10000 ? 2 : 3;

@@ -26,10 +26,9 @@ std::string Handshake(const std::vector<std::string>& args) {
     web::http::http_request request(web::http::methods::GET);
     request.set_request_uri(U("/Import/Connect"));
     try {
-        auto context = args.size() == 5
-                           ? std::make_unique<NtlmSecurityContext>(
-                                 Widened(args[2]), Widened(args[3]), Widened(args[4]))
-                           : std::make_unique<NtlmSecurityContext>("service");
+        auto context = args.size() == 5 ? std::make_unique<NtlmSecurityContext>(
+                                              Widened(args[2]), Widened(args[3]), Widened(args[4]))
+                                        : std::make_unique<NtlmSecurityContext>("service");
         return std::to_string(RunNtlmHandshake(client, request, *context).get().status_code());
     } catch (CException* e) {
         e->Delete();

@@ -22,13 +22,8 @@ using namespace e2e;
 using namespace servertest;
 using testsupport::RecordingServer;
 
-std::string Env(const char* name) {
-    const char* value = std::getenv(name);
-    if (value == nullptr) {
-        throw std::runtime_error(std::string(name) + " is not set: scripts/windows-test.sh sets it");
-    }
-    return value;
-}
+// scripts/windows-test.sh sets them; without them no program runs and every case fails.
+std::string Env(const char* name) { return std::getenv(name) ? std::getenv(name) : ""; }
 
 // What the program printed, its console's CRs dropped.
 std::string UnderWine(const std::string& program, std::vector<std::string> args) {
@@ -57,7 +52,8 @@ TEST(Wine, AWindowsHostImportsEveryCell) {
 TEST(Wine, FailuresReachTheHostAsAPlainExceptionWithTheirMessage) {
     RecordingServer proxy;
     RecordingServer service;
-    proxy.SetDefault({200, {{"Content-Type", "application/json"}}, R"({"version":"1.0.0"})", false, {}});
+    proxy.SetDefault(
+        {200, {{"Content-Type", "application/json"}}, R"({"version":"1.0.0"})", false, {}});
     service.SetDefault({201, {{"Content-Type", "application/json"}}, R"({"a": nope})", false, {}});
     EXPECT_EQ(UnderWine("windows_host", {"flatten", proxy.BaseUrl(), service.BaseUrl()}),
               "CreateTable: plain * Line 1, Column 8 Syntax error: Malformed literal\n"
@@ -105,7 +101,8 @@ TEST(Wine, TheNegotiateLegCarriesSspisMessageAndAFailedStepNoToken) {
         ASSERT_EQ(requests.size(), *final ? 2u : 1u) << "case: " << name;
         const auto negotiate = utility::conversions::from_base64(
             requests[0].HeaderValue("Authorization").value_or("NTLM ").substr(5));
-        EXPECT_EQ(std::string(negotiate.begin(), negotiate.begin() + std::min<std::size_t>(12, negotiate.size())),
+        EXPECT_EQ(std::string(negotiate.begin(),
+                              negotiate.begin() + std::min<std::size_t>(12, negotiate.size())),
                   std::string("NTLMSSP\0\1\0\0\0", 12))
             << "case: " << name;
         if (*final) {
@@ -133,7 +130,8 @@ TEST(Wine, TheLoginsPlatformPartsWork) {
         std::getline(std::ifstream(noted) >> std::ws, opened);
     }
     EXPECT_EQ(opened, url) << "the system's browser was not asked, or asked twice";
-    EXPECT_EQ(UnderWine("windows_probe", {"pkce"}), "E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM 43\n");
+    EXPECT_EQ(UnderWine("windows_probe", {"pkce"}),
+              "E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM 43\n");
 }
 
 } // namespace
