@@ -112,13 +112,21 @@ TEST(IdentityLogin, EndsAsTheBrowserDecides) {
          "The identity server does not take the S256 code challenge (PKCE) that this login sends; "
          "it offers plain.",
          "", R"({"discovery":{"code_challenge_methods_supported":["plain"]}})"},
+        {"the identity server refuses the code with a bare error code", callback + "code=forged",
+         "", 1, "The identity server refused the login: invalid_grant.", failed,
+         R"({"token":{"error_description":null}})"},
         {"token answer without an ID token", "", "allow", 0, "", done,
          R"({"token":{"id_token":null}})"},
+        // Three '?' and three '~' put '_' and '-' into the base64url of the claims, wherever
+        // they stand.
         {"ID token for the login and another audience", "", "allow", 0, "", done,
-         R"({"idToken":{"aud":["lxrepo-service","lxdesktop"]}})"},
+         R"({"idToken":{"aud":["???~~~","lxdesktop"]}})"},
         {"ID token for another audience", "", "allow", 1,
          "The identity server's ID token was issued for another application (aud mismatch).",
          failed, R"({"idToken":{"aud":"lxrepo-service"}})"},
+        {"ID token for other audiences", "", "allow", 1,
+         "The identity server's ID token was issued for another application (aud mismatch).",
+         failed, R"({"idToken":{"aud":["lxrepo-service","lxdesktop2"]}})"},
         {"ID token from another issuer", "", "allow", 1,
          "The identity server's ID token was issued by another identity server (iss mismatch).",
          failed, R"({"idToken":{"iss":"http://127.0.0.1:1/identity"}})"},
