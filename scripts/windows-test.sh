@@ -35,7 +35,7 @@ cmake -S "$root" -B "$root/build/mingw" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 cmake --build "$root/build/mingw" -j"$jobs"
 dll="$root/build/mingw/lib/libTableRepositoryImportLib.dll"
 # Hosts look the factory up by its plain name.
-x86_64-w64-mingw32-objdump -p "$dll" | grep -qw new_TableRepositoryImport ||
+x86_64-w64-mingw32-objdump -p "$dll" | grep -w new_TableRepositoryImport >/dev/null ||
   { echo "new_TableRepositoryImport is not among the DLL's exports"; exit 1; }
 
 if [ ! -f "$root/build/normal/CMakeCache.txt" ]; then
@@ -50,9 +50,13 @@ runtime="$(dirname "$(x86_64-w64-mingw32-g++-posix -print-libgcc-file-name)")"
 export WINEPATH="$(dirname "$dll");$deps/bin;$runtime;/usr/x86_64-w64-mingw32/lib"
 wineserver=/usr/lib/wine/wineserver64
 [ -x "$wineserver" ] || wineserver=/usr/lib/wine/wineserver
-# One wine server for all the test's programs, ended with the script.
+# The prefix's first start also tries to set up 32-bit Windows, which this 64-bit-only Wine lacks,
+# and says so in its exit status; a prefix that does not serve fails the tests below instead.
+/usr/lib/wine/wine64 wineboot --init || true
+# One wine server for all the test's programs, ended with the script (once wineboot's own is
+# gone: a second one would not start).
+"$wineserver" -w
 "$wineserver" -p
 trap '"$wineserver" -k || true' EXIT
-/usr/lib/wine/wine64 wineboot --init
 TRI_WINE=/usr/lib/wine/wine64 TRI_WINDOWS_BIN="$root/build/mingw/tests/windows" \
   "$root/build/normal/tests/windows/windows_test"
