@@ -34,7 +34,8 @@ struct Endpoint {
 
 struct Imported {
     std::string failure; // "" when every call answered as it should, else the first that did not
-    std::string id;
+                         // (the connection test's error text is in connection)
+    CString id;
     TestConnectionResult connection;
     std::unique_ptr<CTableRepositoryImport> client; // registered still
 };

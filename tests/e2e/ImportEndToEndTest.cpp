@@ -39,7 +39,8 @@ TEST_P(ImportEndToEnd, EveryCellArrivesInTheSqlTable) {
     ASSERT_EQ(imported.failure, "");
     // The service's ids are the name, "#" and eight hex digits: a blank, non-ASCII text and a
     // "#" that every later path must carry encoded.
-    EXPECT_EQ(imported.id.rfind(table.name + "#", 0), 0u) << imported.id;
+    const std::string id = ToStringT(imported.id);
+    EXPECT_EQ(id.rfind(table.name + "#", 0), 0u) << id;
 
     EXPECT_EQ(deployment.ProxyConnectStatus(), 200);
     const auto unregistered =
@@ -51,7 +52,7 @@ TEST_P(ImportEndToEnd, EveryCellArrivesInTheSqlTable) {
     EXPECT_EQ(
         QueryRows(database, "select name, table_id, table_class, description, "
                             "record_count, imported_by, client from lxrepo_tables"),
-        (std::vector<Row>{{table.name, imported.id, table.tableClass, table.description,
+        (std::vector<Row>{{table.name, id, table.tableClass, table.description,
                            std::to_string(table.rows), deployment.importedBy, deployment.client}}));
 }
 

@@ -43,7 +43,8 @@ int main(int argc, char** argv) {
         const Endpoint endpoint{testsupport::ProxyConfiguration(args[1], "wine host", args[2]),
                                 args[2], std::stoi(args[4])};
         const Imported imported = ImportThroughLibrary(endpoint, GenerateTable(args[3]));
-        std::printf("failure: %s\n", imported.failure.c_str());
+        std::printf("failure: %s%ls\n", imported.failure.c_str(),
+                    imported.connection.errorText.GetString());
         return imported.failure.empty() ? 0 : 1;
     }
     if (args.size() == 3 && args[0] == "flatten") {
