@@ -1,5 +1,7 @@
 #include "CommandLine.h"
 
+#include <ProjectVersion.h>
+
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
@@ -134,6 +136,7 @@ std::optional<int> ParseCommandLine(int argc, char** argv, ServerOptions& option
     CLI::App app{"lxrepo-server: the table repository service and its authentication proxy, on "
                  "loopback. Prints the port it listens on as the first line of its output; "
                  "stops cleanly on SIGINT or SIGTERM."};
+    app.set_version_flag("--version", "lxrepo-server " TRI_PROJECT_VERSION);
     app.add_option("--address", options.http.address, "address to listen on")
         ->capture_default_str();
     options.http.port = 8080;

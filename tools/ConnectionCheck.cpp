@@ -17,8 +17,9 @@ CheckFindings CheckConnection(const ConnectionOptions& options, const std::strin
     try {
         findings.authorized = session.Client().IsAuthorized(ToCString(tableClass)) == 1;
     } catch (const std::exception& e) {
-        throw Failure(kUnreachable, "Lost the service during the authorization check (" +
-                                        std::string(e.what()) + ").");
+        throw Failure(kUnreachable, "authorization",
+                      "Lost the service during the authorization check (" + std::string(e.what()) +
+                          ").");
     }
     return findings;
 }

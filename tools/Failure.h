@@ -1,4 +1,5 @@
-// How a run of lxrepo ends when it does not succeed: one sentence and the exit status.
+// How a run of lxrepo ends when it does not succeed: one sentence, the exit status, and the step
+// it stopped at (a fixed name scripts can match: "file", "registration", "table creation" ...).
 #pragma once
 
 #include <stdexcept>
@@ -15,12 +16,14 @@ enum ExitStatus {
 
 class Failure : public std::runtime_error {
 public:
-    Failure(ExitStatus status, const std::string& sentence)
-        : std::runtime_error(sentence), status_(status) {}
+    Failure(ExitStatus status, const std::string& step, const std::string& sentence)
+        : std::runtime_error(sentence), status_(status), step_(step) {}
     ExitStatus Status() const { return status_; }
+    const std::string& Step() const { return step_; }
 
 private:
     ExitStatus status_;
+    std::string step_;
 };
 
 } // namespace lxrepo

@@ -47,8 +47,9 @@ RepositorySession::RepositorySession(const ConnectionOptions& options)
     try {
         client_->RegisterWithAuthenticationProxy(configuration_);
     } catch (const std::exception& e) {
-        throw Failure(kUnreachable, "Could not register with the proxy at " + options.proxy + " (" +
-                                        e.what() + ").");
+        throw Failure(kUnreachable, "registration",
+                      "Could not register with the proxy at " + options.proxy + " (" + e.what() +
+                          ").");
     }
 }
 
@@ -64,8 +65,9 @@ TestConnectionResult RepositorySession::TestConnection() {
     try {
         return client_->TestConnection(ToCString(options_.server));
     } catch (const std::exception& e) {
-        throw Failure(kUnreachable, "The connection test through the proxy at " + options_.proxy +
-                                        " failed (" + e.what() + ").");
+        throw Failure(kUnreachable, "connection test",
+                      "The connection test through the proxy at " + options_.proxy + " failed (" +
+                          e.what() + ").");
     }
 }
 

@@ -21,10 +21,11 @@ TableScan ScanFile(const ImportOptions& options, ProgressBar& progress) {
         return ScanTable(options.file, options.delimiter,
                          [&](long rows, double fraction) { progress.Update(rows, fraction); });
     } catch (const MalformedCsv& e) {
-        throw Failure(kBadInput, options.file + " is not a valid CSV file at line " +
-                                     std::to_string(e.Line()) + ": " + e.what() + ".");
+        throw Failure(kBadInput, "file",
+                      options.file + " is not a valid CSV file at line " +
+                          std::to_string(e.Line()) + ": " + e.what() + ".");
     } catch (const std::runtime_error& e) {
-        throw Failure(kBadInput, std::string("Cannot import: ") + e.what() + ".");
+        throw Failure(kBadInput, "file", std::string("Cannot import: ") + e.what() + ".");
     }
 }
 
@@ -34,45 +35,54 @@ class Steps {
 public:
     explicit Steps(const std::string& table) : table_(table) {}
 
+    // The step's fixed name, which the failures of the requests that follow carry.
+    void Enter(const std::string& step) { step_ = step; }
+
     template <class Call> auto Send(const std::string& what, Call call) {
         try {
             return call();
         } catch (const Failure&) {
             throw;
         } catch (const std::exception& e) {
-            throw Failure(kUnreachable, "Lost the service while sending " + what + " of table " +
-                                            Quoted(table_) + " (" + e.what() + ").");
+            throw Failure(kUnreachable, step_,
+                          "Lost the service while sending " + what + " of table " + Quoted(table_) +
+                              " (" + e.what() + ").");
         }
     }
     void Require(int accepted, const std::string& what) const {
         if (accepted != 1) {
-            throw Failure(kRefused, "The service refused " + what + " of table " + Quoted(table_) +
-                                        "; the import was stopped there.");
+            throw Failure(kRefused, step_,
+                          "The service refused " + what + " of table " + Quoted(table_) +
+                              "; the import was stopped there.");
         }
     }
 
 private:
     std::string table_;
+    std::string step_;
 };
 
 void Connect(RepositorySession& session, const ImportOptions& options) {
     const TestConnectionResult result = session.TestConnection();
     if (result.status != Connected) {
-        throw Failure(kUnreachable, "The connection test through the proxy at " +
-                                        options.connection.proxy + " to " +
-                                        options.connection.server + " ended with " +
-                                        ConnectionStatusName(result.status) + ".");
+        throw Failure(kUnreachable, "connection test",
+                      "The connection test through the proxy at " + options.connection.proxy +
+                          " to " + options.connection.server + " ended with " +
+                          ConnectionStatusName(result.status) + ".");
     }
 }
 
 // The authorization check for the class, then the table itself; returns the service's id.
 CString CreateTable(CTableRepositoryImport& client, Steps& steps, const ImportOptions& options,
                     const std::string& table, long rows) {
+    steps.Enter("authorization");
     if (steps.Send("the authorization check",
                    [&] { return client.IsAuthorized(ToCString(options.tableClass)); }) == 0) {
-        throw Failure(kRefused, "The service does not authorize imports of class " +
-                                    Quoted(options.tableClass) + " (table " + Quoted(table) + ").");
+        throw Failure(kRefused, "authorization",
+                      "The service does not authorize imports of class " +
+                          Quoted(options.tableClass) + " (table " + Quoted(table) + ").");
     }
+    steps.Enter("table creation");
     const std::tuple<int, CString> created = steps.Send("the table creation", [&] {
         return client.CreateTable(ToCString(table), ToCString(options.tableClass),
                                   ToCString(options.description), options.overwrite ? 1 : 0,
@@ -80,7 +90,7 @@ CString CreateTable(CTableRepositoryImport& client, Steps& steps, const ImportOp
     });
     const int status = std::get<0>(created);
     if (status != 201) {
-        throw Failure(kRefused,
+        throw Failure(kRefused, "table creation",
                       "The service refused to create table " + Quoted(table) + " (HTTP " +
                           std::to_string(status) + ")" +
                           (status == 409 ? "; it exists, --overwrite replaces it." : "."));
@@ -93,6 +103,7 @@ void SendDistinctValues(CTableRepositoryImport& client, const CString& tableId, 
                         ProgressBar& progress) {
     const std::string what = "the distinct values of attribute " + Quoted(column.name);
     progress.Begin("distinct " + column.name);
+    steps.Enter("distinct values");
     const CString name = ToCString(column.name);
     steps.Require(steps.Send(what, [&] { return client.BeginDistinctValues(tableId, name); }),
                   "the start of " + what);
@@ -116,6 +127,7 @@ void SendValueIds(CTableRepositoryImport& client, const CString& tableId, Steps&
                   CsvTableRecords& records, const TableScan& scan, const ImportOptions& options,
                   ProgressBar& progress) {
     progress.Begin("value ids");
+    steps.Enter("value ids");
     steps.Require(
         steps.Send("the value ids",
                    [&] { return client.BeginImportValueIds(tableId, records.Attributes()); }),
@@ -140,8 +152,9 @@ void SendValueIds(CTableRepositoryImport& client, const CString& tableId, Steps&
     } catch (const Failure&) {
         throw;
     } catch (const std::runtime_error& e) {
-        throw Failure(kBadInput, std::string("Cannot import ") + options.file + ": " + e.what() +
-                                     "; nothing was committed.");
+        throw Failure(kBadInput, "file",
+                      std::string("Cannot import ") + options.file + ": " + e.what() +
+                          "; nothing was committed.");
     }
     steps.Require(
         steps.Send("the value ids",
@@ -172,6 +185,7 @@ ImportSummary ImportCsvFile(const ImportOptions& options, ProgressBar& progress)
     summary.tableId = ToUtf8(tableId);
 
     CsvTableRecords records(scan);
+    steps.Enter("attribute definitions");
     steps.Require(steps.Send("the attribute definitions",
                              [&] {
                                  return client.CreateAttributeDefinitions(tableId,
@@ -183,6 +197,7 @@ ImportSummary ImportCsvFile(const ImportOptions& options, ProgressBar& progress)
                            options.chunkRows, progress);
     }
     SendValueIds(client, tableId, steps, records, scan, options, progress);
+    steps.Enter("end of import");
     steps.Require(steps.Send("the end of the import", [&] { return client.EndImport(tableId); }),
                   "the end of the import");
     progress.Clear();

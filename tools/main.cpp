@@ -5,11 +5,16 @@
 #include "Failure.h"
 #include "TableImport.h"
 
+#include <ProjectVersion.h>
+
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
+#include <regex>
 
 #include <malloc.h>
 #include <unistd.h>
@@ -18,9 +23,25 @@ namespace {
 
 using namespace lxrepo;
 
+// A relative or schemeless address would fail only once the library sends, looking like a service
+// that cannot be reached; refused here, it is a usage error before anything goes out.
+const CLI::Validator kHttpUrl(
+    [](const std::string& text) -> std::string {
+        static const std::regex url(
+            R"((https?)://([^/?#@:\s\[\]]+|\[[0-9A-Fa-f:.]+\])(:[0-9]{1,5})?([/?#]\S*)?)",
+            std::regex::icase);
+        return std::regex_match(text, url) ? ""
+                                           : "not an absolute http:// or https:// URL: " + text;
+    },
+    "URL");
+
 void AddConnectionOptions(CLI::App& command, ConnectionOptions& options, std::string& auth) {
-    command.add_option("--server", options.server, "address of the repository service")->required();
-    command.add_option("--proxy", options.proxy, "address of the authentication proxy")->required();
+    command.add_option("--server", options.server, "address of the repository service")
+        ->required()
+        ->check(kHttpUrl);
+    command.add_option("--proxy", options.proxy, "address of the authentication proxy")
+        ->required()
+        ->check(kHttpUrl);
     command.add_option("--client", options.client, "the name this client registers under")
         ->capture_default_str();
     command.add_option("--auth", auth, "how the proxy authenticates to the service")
@@ -74,10 +95,24 @@ int PrintFindings(const CheckFindings& findings, const std::string& tableClass) 
     return findings.authorized ? kSucceeded : kRefused;
 }
 
-int Fail(const std::string& sentence, int status) {
+// With --json a script reads the failure from standard output as one object; step is null when
+// the failure came from no known step.
+int Fail(const std::string& sentence, int status, const nlohmann::json& step, bool json) {
     std::fflush(stdout);
-    std::cerr << "lxrepo: " << sentence << "\n";
+    if (json) {
+        std::cout
+            << nlohmann::json{{"error", sentence}, {"exitStatus", status}, {"step", step}}.dump()
+            << "\n";
+    } else {
+        std::cerr << "lxrepo: " << sentence << "\n";
+    }
     return status;
+}
+
+// A usage error may stop the parse before --json is read, so the words themselves are asked.
+bool JsonAsked(int argc, char** argv) {
+    return std::any_of(argv + 1, argv + argc,
+                       [](const char* word) { return std::strcmp(word, "--json") == 0; });
 }
 
 } // namespace
@@ -90,6 +125,7 @@ int main(int argc, char** argv) {
     mallopt(M_ARENA_MAX, 1);
     CLI::App app{"Publishes a CSV file as a table of a table repository service."};
     app.require_subcommand(1);
+    app.set_version_flag("--version", "lxrepo " TRI_PROJECT_VERSION);
 
     ImportOptions import;
     std::string importAuth = "windows";
@@ -122,6 +158,9 @@ int main(int argc, char** argv) {
         app.parse(argc, argv);
         import.delimiter = DelimiterOf(delimiter);
     } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() != 0 && JsonAsked(argc, argv)) {
+            return Fail(e.what(), kBadInput, "command line", true);
+        }
         const int status = app.exit(e);
         return status == 0 ? kSucceeded : kBadInput;
     }
@@ -141,8 +180,9 @@ int main(int argc, char** argv) {
         }
         return kSucceeded;
     } catch (const Failure& e) {
-        return Fail(e.what(), e.Status());
+        return Fail(e.what(), e.Status(), e.Step(), json);
     } catch (const std::exception& e) {
-        return Fail(std::string("Stopped by an unexpected error: ") + e.what() + ".", kRefused);
+        return Fail(std::string("Stopped by an unexpected error: ") + e.what() + ".", kRefused,
+                    nullptr, json);
     }
 }

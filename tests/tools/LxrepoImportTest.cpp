@@ -144,12 +144,29 @@ TEST(Lxrepo, ExitStatusAndMessageNameWhatFailed) {
          "connection: Connected\nproxy version: 1.0.0-lxproxy-2.1\nclass \"sales\": authorized\n"},
         {"check of a class not allowed", "check --class secret", 1,
          "class \"secret\": not authorized"},
+        // Nothing is sent to an address that is no absolute http(s) URL.
+        {"server without scheme", "import " + sales + " --server repo.example --proxy " + nowhere,
+         2, "--server: not an absolute http:// or https:// URL: repo.example"},
+        {"relative proxy", "check --server " + nowhere + " --proxy /register", 2,
+         "--proxy: not an"},
+        // Under --json a failure is one object on standard output, usage errors too.
+        {"json usage error", "import " + sales + " --json --server ftp://x --proxy " + nowhere, 2,
+         R"({"error":"--server: not an absolute http:// or https:// URL: ftp://x","exitStatus":2,"step":"command line"})"},
+        {"json refusal", "import " + sales + " --class secret --json", 1,
+         R"({"error":"The service does not authorize imports of class \"secret\" (table \"sales\").","exitStatus":1,"step":"authorization"})"},
+        {"json unreachable",
+         "import " + sales + " --json --server " + nowhere + " --proxy " + nowhere, 3,
+         R"(","exitStatus":3,"step":"registration"})"},
+        {"json malformed file", bad("a\n\"x\n") + " --json", 2, R"("exitStatus":2,"step":"file"})"},
     };
     for (const auto& c : cases) {
         const auto run = lxrepo.Run(c.line);
+        const bool json = c.line.find(" --json") != std::string::npos;
         EXPECT_EQ(run.status, c.status) << "case: " << c.name << "\n" << run.err;
-        EXPECT_NE((run.out + run.err).find(c.said), std::string::npos) << "case: " << c.name << "\n"
-                                                                       << run.out << run.err;
+        EXPECT_NE((json ? run.out : run.out + run.err).find(c.said), std::string::npos)
+            << "case: " << c.name << "\n"
+            << run.out << run.err;
+        EXPECT_TRUE(!json || nlohmann::json::accept(run.out)) << "case: " << c.name << run.out;
     }
     // Every run withdrew its registration, the refused ones too.
     EXPECT_EQ(lxrepo.ProxyConnectStatus(), 401);
