@@ -77,4 +77,7 @@ cmake -S "$root" -B "$root/build/tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE
 cmake --build "$root/build/tsan" -j"$jobs" --target values_test
 TSAN_OPTIONS="halt_on_error=1" "$root/build/tsan/tests/values_test"
 
+phase "Debian packages: built, installed with dpkg, used from /usr, checked by lintian, purged"
+"$root/scripts/package-test.sh"
+
 phase "done"
