@@ -65,16 +65,12 @@ TEST(Wine, FailuresReachTheHostAsAPlainExceptionWithTheirMessage) {
 // connection: with an explicit account, since Wine cannot answer as the current user.
 TEST(Wine, AnNtlmHandshakeWithAnExplicitAccountReachesTheGssapiAcceptor) {
     TempDirectory files;
-    WriteNtlmUsers(files.File("users"));
-    auto options = DefaultOptions(files.File("repo.sqlite"));
-    options.http.address = kNtlmServiceHost;
-    options.auth = lxrepo::AuthKind::Ntlm;
-    options.ntlmUsersFile = files.File("users");
-    RunningServer service(options);
+    const Deployment service(Way::Ntlm, files.File("repo.sqlite"), {}); // at kNtlmServiceHost
     for (const auto& [name, password, status] :
          {std::tuple{"right password", kAlice.password, "200\n"},
           std::tuple{"wrong password", std::string("Wrong-Password"), "401\n"}}) {
-        EXPECT_EQ(UnderWine("windows_probe", {"ntlm", service.Url(), "alice", "TESTDOM", password}),
+        EXPECT_EQ(UnderWine("windows_probe",
+                            {"ntlm", service.host.serviceUrl, "alice", "TESTDOM", password}),
                   status)
             << "case: " << name;
     }
