@@ -1,7 +1,8 @@
 // A host program for the Windows build's tests under Wine (WineTest.cpp): the public header only,
 // the library loaded as a DLL.
 //   import PROXY SERVICE TABLE STATUS  the whole import of the generated table, the connection
-//                                      test answering STATUS; prints the first call that failed
+//                                      test answering STATUS, then unregistering; prints the
+//                                      first call that failed
 //   flatten PROXY SERVICE              the operations that flatten their failures, failing: the
 //                                      service answers malformed JSON, a definition holds text
 //                                      that cannot become UTF-8, the host's reader throws;
@@ -19,19 +20,14 @@ using namespace e2e;
 
 namespace {
 
-// The plain exception is no subclass a host could tell apart.
-const char* Kind(const std::exception& e) {
-    return dynamic_cast<const std::runtime_error*>(&e) || dynamic_cast<const std::logic_error*>(&e)
-               ? "derived"
-               : "plain";
-}
-
 void PrintCaught(const char* operation, const std::function<void()>& run) {
     try {
         run();
         std::printf("%s: nothing thrown\n", operation);
-    } catch (const std::exception& e) {
-        std::printf("%s: %s %s\n", operation, Kind(e), e.what());
+    } catch (const std::exception& e) { // plain: of no subclass a host could tell apart
+        const bool derived = dynamic_cast<const std::runtime_error*>(&e) ||
+                             dynamic_cast<const std::logic_error*>(&e);
+        std::printf("%s: %s %s\n", operation, derived ? "derived" : "plain", e.what());
     }
 }
 
@@ -40,9 +36,12 @@ void PrintCaught(const char* operation, const std::function<void()>& run) {
 int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + 1, argv + argc);
     if (args.size() == 5 && args[0] == "import") {
-        const Endpoint endpoint{testsupport::ProxyConfiguration(args[1], "wine host", args[2]),
-                                args[2], std::stoi(args[4])};
+        // The client name the end-to-end deployment asks its proxy about.
+        const Endpoint endpoint{
+            testsupport::ProxyConfiguration(args[1], "Desk \xC3\xBC 7", args[2]), args[2],
+            std::stoi(args[4])};
         const Imported imported = ImportThroughLibrary(endpoint, GenerateTable(args[3]));
+        imported.client->UnregisterFromAuthenticationProxy(endpoint.proxy);
         std::printf("failure: %s%ls\n", imported.failure.c_str(),
                     imported.connection.errorText.GetString());
         return imported.failure.empty() ? 0 : 1;

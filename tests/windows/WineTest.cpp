@@ -46,6 +46,7 @@ TEST(Wine, AWindowsHostImportsEveryCell) {
             << "case: " << name;
         EXPECT_EQ(TableRows(files.File("repo.sqlite"), table.name), ExpectedRows(table))
             << "case: " << name;
+        EXPECT_EQ(deployment.ProxyConnectStatus(), 401) << "case: " << name << ": still registered";
     }
 }
 
