@@ -53,9 +53,9 @@ wineserver=/usr/lib/wine/wineserver64
 # The prefix's first start also tries to set up 32-bit Windows, which this 64-bit-only Wine lacks,
 # and says so in its exit status; a prefix that does not serve fails the tests below instead.
 /usr/lib/wine/wine64 wineboot --init || true
-# One wine server for all the test's programs, ended with the script (once wineboot's own is
-# gone: a second one would not start).
-"$wineserver" -w
+# One wine server for all the test's programs, ended with the script. The one wineboot left, or
+# one an interrupted run left, is ended first: a second server of the same prefix would not start.
+"$wineserver" -k 2>/dev/null || true
 "$wineserver" -p
 trap '"$wineserver" -k || true' EXIT
 TRI_WINE=/usr/lib/wine/wine64 TRI_WINDOWS_BIN="$root/build/mingw/tests/windows" \
