@@ -10,7 +10,6 @@
 #include "auth/NtlmHandshake.h"
 #include "auth/Pkce.h"
 #include "auth/SecurityContext.h"
-#include "client/TextConversion.h"
 #include "host/Framework.h"
 
 #include <cstdio>
@@ -20,14 +19,15 @@
 
 namespace {
 
+std::wstring Widened(const std::string& ascii) { return {ascii.begin(), ascii.end()}; }
+
 std::string Handshake(const std::vector<std::string>& args) {
-    web::http::client::http_client client(FromUtf8(args[1]));
+    web::http::client::http_client client(Widened(args[1]));
     web::http::http_request request(web::http::methods::GET);
     request.set_request_uri(U("/Import/Connect"));
     try {
-        auto context = args.size() == 5 ? std::make_unique<NtlmSecurityContext>(FromUtf8(args[2]),
-                                                                                FromUtf8(args[3]),
-                                                                                FromUtf8(args[4]))
+        auto context = args.size() == 5 ? std::make_unique<NtlmSecurityContext>(
+                                              Widened(args[2]), Widened(args[3]), Widened(args[4]))
                                         : std::make_unique<NtlmSecurityContext>("service");
         return std::to_string(RunNtlmHandshake(client, request, *context).get().status_code());
     } catch (CException* e) {
@@ -53,7 +53,7 @@ int main(int argc, char** argv) {
         if (args.size() == 3) {
             TableRepositorySetBrowserLauncher(&ReplacedLauncher, nullptr);
         }
-        std::printf("opened: %d\n", OpenLoginPage(FromUtf8(args[1])) ? 1 : 0);
+        std::printf("opened: %d\n", OpenLoginPage(Widened(args[1])) ? 1 : 0);
     } else if (args.size() == 1 && args[0] == "pkce") {
         std::printf("%s %zu\n",
                     CodeChallengeS256("dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk").c_str(),
