@@ -9,7 +9,7 @@ fi
 
 packages=(
   g++ cmake make pkg-config git
-  libcpprest-dev libboost-dev libboost-system-dev libssl-dev
+  libcpprest-dev libboost-dev libboost-system-dev libssl-dev openssl ca-certificates
   libkrb5-dev gss-ntlmssp
   libgtest-dev libbenchmark-dev
   libsqlite3-dev sqlite3 nlohmann-json3-dev

@@ -157,6 +157,18 @@ std::optional<int> ParseCommandLine(int argc, char** argv, ServerOptions& option
     app.add_option("--idle-timeout", options.http.idleSeconds,
                    "seconds a connection may wait for its next request")
         ->capture_default_str();
+    auto* certificate = app.add_option("--tls-cert", options.tlsCertificate,
+                                       "serve HTTPS (TLS 1.2 or newer) with this PEM certificate "
+                                       "chain")
+                            ->check(CLI::ExistingFile);
+    auto* key = app.add_option("--tls-key", options.tlsKey, "the PEM private key of --tls-cert")
+                    ->check(CLI::ExistingFile);
+    certificate->needs(key);
+    key->needs(certificate);
+    app.add_option("--tls-ca", options.tlsCa,
+                   "PEM certificates trusted when calling out over https (the proxy's forwards, "
+                   "introspection, the identity upstream); default: the system's store")
+        ->check(CLI::ExistingFile);
     AddServiceOptions(app, options);
     std::string ntlmUserFile;
     AddProxyOptions(app, options, ntlmUserFile);

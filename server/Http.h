@@ -24,6 +24,7 @@ struct ConnectionState {
     // For a handler that answers below HTTP (the tests' recording server sends broken answers);
     // once it shuts the socket down, the connection ends after the handler returns.
     boost::asio::ip::tcp::socket* socket = nullptr;
+    bool secure = false; // TLS
 };
 
 // Thrown anywhere below a route; the dispatcher turns it into {"error": message}.

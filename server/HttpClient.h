@@ -7,12 +7,17 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/ssl/stream.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
+
+#include <memory>
 
 namespace lxrepo {
 
-// One TCP connection to one origin; the requests sent on it share it, which the NTLM handshake
-// needs. Every failure is thrown as HttpError 502 naming the origin, since for our callers an
+// One TCP connection to one origin, over TLS for https (the peer's certificate checked against
+// OutgoingTlsContext, its name against the URL's host); the requests sent on it share it, which
+// the NTLM handshake needs. Every failure is thrown as HttpError 502 naming the origin, since for our callers an
 // unreachable upstream is a bad gateway.
 class HttpConnection {
 public:
@@ -24,9 +29,13 @@ public:
     Response Send(Request& request);
 
 private:
+    template <class Stream> Response Exchange(Stream& stream, Request& request);
+
     BaseUrl url_;
     boost::asio::io_context context_;
     boost::asio::ip::tcp::socket socket_;
+    std::shared_ptr<boost::asio::ssl::context> tls_;
+    std::unique_ptr<boost::asio::ssl::stream<boost::asio::ip::tcp::socket&>> secure_;
     boost::beast::flat_buffer buffer_;
 };
 

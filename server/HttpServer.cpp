@@ -1,6 +1,7 @@
 #include "HttpServer.h"
 
 #include <boost/asio/ip/address.hpp>
+#include <boost/asio/ssl/stream.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/string.hpp>
 
@@ -13,6 +14,7 @@
 namespace lxrepo {
 
 namespace beast = boost::beast;
+namespace ssl = boost::asio::ssl;
 using boost::asio::ip::tcp;
 
 namespace {
@@ -36,9 +38,14 @@ Response PlainError(http::status status, std::string_view message) {
     return response;
 }
 
-void AnswerAndDrain(tcp::socket& socket, const Response& response) {
+tcp::socket& Socket(tcp::socket& socket) { return socket; }
+tcp::socket& Socket(ssl::stream<tcp::socket&>& stream) { return stream.next_layer(); }
+
+// Over TLS the drained bytes are records, never decrypted: the answer is all that matters.
+template <class Stream> void AnswerAndDrain(Stream& stream, const Response& response) {
     beast::error_code ec;
-    http::write(socket, response, ec);
+    http::write(stream, response, ec);
+    tcp::socket& socket = Socket(stream);
     socket.shutdown(tcp::socket::shutdown_send, ec);
     SetReceiveTimeout(socket.native_handle(), 1);
     std::array<char, 64 * 1024> scratch{};
@@ -116,7 +123,8 @@ void HttpServer::AcceptLoop() {
     }
 }
 
-std::optional<Request> HttpServer::ReadRequest(tcp::socket& socket, beast::flat_buffer& buffer) {
+template <class Stream>
+std::optional<Request> HttpServer::ReadRequest(Stream& socket, beast::flat_buffer& buffer) {
     http::request_parser<http::string_body> parser;
     parser.header_limit(maxHeaderBytes);
     parser.body_limit(settings_.maxBodyBytes);
@@ -155,6 +163,29 @@ void HttpServer::Serve(Connection connection, std::uint64_t id) {
     ConnectionState state;
     state.id = id;
     state.socket = &socket;
+    beast::error_code ec;
+    if (settings_.tls) {
+        // The handshake runs here rather than in the accept loop, so a client that never
+        // finishes it holds up only its own connection, for the idle time at most.
+        ssl::stream<tcp::socket&> stream(socket, *settings_.tls);
+        stream.handshake(ssl::stream_base::server, ec);
+        if (!ec) {
+            state.secure = true;
+            ServeRequests(stream, state);
+        }
+    } else {
+        ServeRequests(socket, state);
+    }
+    socket.shutdown(tcp::socket::shutdown_both, ec);
+    // Closed under the lock: Stop() shuts down the descriptors it finds in openSockets_, and a
+    // descriptor number closed outside it could already belong to someone else.
+    std::lock_guard<std::mutex> lock(mutex_);
+    socket.close(ec);
+    openSockets_.erase(id);
+    allEnded_.notify_all();
+}
+
+template <class Stream> void HttpServer::ServeRequests(Stream& socket, ConnectionState& state) {
     beast::flat_buffer buffer;
     beast::error_code ec;
     while (!stopping_ && !ec) {
@@ -178,13 +209,6 @@ void HttpServer::Serve(Connection connection, std::uint64_t id) {
             break;
         }
     }
-    socket.shutdown(tcp::socket::shutdown_both, ec);
-    // Closed under the lock: Stop() shuts down the descriptors it finds in openSockets_, and a
-    // descriptor number closed outside it could already belong to someone else.
-    std::lock_guard<std::mutex> lock(mutex_);
-    socket.close(ec);
-    openSockets_.erase(id);
-    allEnded_.notify_all();
 }
 
 } // namespace lxrepo

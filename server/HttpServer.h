@@ -6,6 +6,7 @@
 #include "Http.h"
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/context.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 
 #include <atomic>
@@ -31,6 +32,8 @@ public:
         std::size_t maxBodyBytes = 256 * 1024 * 1024;
         std::size_t maxConnections = 256;
         int idleSeconds = 120;
+        // Set: every connection speaks TLS (see Tls.h); a client that does not is dropped.
+        std::shared_ptr<boost::asio::ssl::context> tls;
     };
 
     // Binds and listens at once (so Port() is known); serving starts with Start().
@@ -41,6 +44,7 @@ public:
     HttpServer& operator=(const HttpServer&) = delete;
 
     unsigned short Port() const { return port_; }
+    bool Secure() const { return settings_.tls != nullptr; }
     void Start();
     // Stops accepting, ends every connection's wait for its next request, lets requests that
     // are being handled finish, and returns when every connection thread has ended.
@@ -56,10 +60,11 @@ private:
 
     void AcceptLoop();
     void Serve(Connection connection, std::uint64_t id);
+    template <class Stream> void ServeRequests(Stream& stream, ConnectionState& state);
     // The next request of a connection; nullopt when the connection is over (a broken or
     // oversized request has then been answered).
-    std::optional<Request> ReadRequest(boost::asio::ip::tcp::socket& socket,
-                                       boost::beast::flat_buffer& buffer);
+    template <class Stream>
+    std::optional<Request> ReadRequest(Stream& stream, boost::beast::flat_buffer& buffer);
 
     Settings settings_;
     Handler handler_;

@@ -34,7 +34,7 @@ template <class Message, class Source> void CopyHeaders(Message& to, const Sourc
 IdentityPassthrough::IdentityPassthrough(const std::string& upstream) {
     const auto url = ParseBaseUrl(upstream);
     if (!url) {
-        throw std::invalid_argument("--identity-upstream needs an http:// URL, not " + upstream);
+        throw std::invalid_argument("--identity-upstream needs an http:// or https:// URL, not " + upstream);
     }
     upstream_ = *url;
 }
@@ -44,7 +44,8 @@ bool IdentityPassthrough::Owns(const std::string& path) {
     return path == base || path.rfind(base + "/", 0) == 0;
 }
 
-Response IdentityPassthrough::Handle(const Request& request, const Target& target) const {
+Response IdentityPassthrough::Handle(const Request& request, const Target& target,
+                                     bool secure) const {
     std::string path = upstream_.path + target.path.substr(std::string(prefix).size());
     if (path.empty()) {
         path = "/";
@@ -55,7 +56,7 @@ Response IdentityPassthrough::Handle(const Request& request, const Target& targe
     if (!host.empty()) {
         outgoing.set("X-Forwarded-Host", host);
     }
-    outgoing.set("X-Forwarded-Proto", "http");
+    outgoing.set("X-Forwarded-Proto", secure ? "https" : "http");
     outgoing.body() = request.body();
     const Response answer = SendOnce(upstream_, outgoing);
 

@@ -16,11 +16,12 @@ public:
     static constexpr const char* prefix = "/identity";
 
     // upstream: the provider's base URL; "/identity/x" goes to upstream + "/x".
-    // Throws std::invalid_argument for anything but an http:// URL.
+    // Throws std::invalid_argument for anything but an http:// or https:// URL.
     explicit IdentityPassthrough(const std::string& upstream);
 
     static bool Owns(const std::string& path);
-    Response Handle(const Request& request, const Target& target) const;
+    // secure: the request came over TLS, which the provider must know to name its addresses.
+    Response Handle(const Request& request, const Target& target, bool secure) const;
 
 private:
     BaseUrl upstream_;

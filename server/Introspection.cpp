@@ -21,7 +21,7 @@ constexpr std::size_t maxKnownTokens = 10000;
 
 Introspection::Introspection(IntrospectionSettings settings) : settings_(std::move(settings)) {
     if (!ParseBaseUrl(settings_.url)) {
-        throw std::invalid_argument("--introspection-url needs an http:// URL, not " +
+        throw std::invalid_argument("--introspection-url needs an http:// or https:// URL, not " +
                                     settings_.url);
     }
 }

@@ -5,6 +5,7 @@
 #include "ImportRoutes.h"
 #include "ImportStore.h"
 #include "NtlmAcceptor.h"
+#include "Tls.h"
 #include "Url.h"
 
 #include <boost/beast/core/string.hpp>
@@ -48,6 +49,12 @@ bool Trusted(const std::vector<std::string>& trusted, const std::string& user) {
 
 LxrepoServer::LxrepoServer(ServerOptions options)
     : options_(std::move(options)), parts_(std::make_unique<Parts>()) {
+    if (!options_.tlsCertificate.empty()) {
+        options_.http.tls = ServerTlsContext(options_.tlsCertificate, options_.tlsKey);
+    }
+    if (!options_.tlsCa.empty()) {
+        TrustForOutgoing(options_.tlsCa);
+    }
     if (options_.role != Role::Proxy) {
         parts_->catalogue = std::make_unique<Catalogue>(options_.database);
         parts_->store = std::make_unique<ImportStore>(*parts_->catalogue, options_.abandonAfter);
@@ -75,6 +82,8 @@ LxrepoServer::~LxrepoServer() { Stop(); }
 
 unsigned short LxrepoServer::Port() const { return http_->Port(); }
 
+bool LxrepoServer::Secure() const { return http_->Secure(); }
+
 void LxrepoServer::Start() { http_->Start(); }
 
 void LxrepoServer::Stop() { http_->Stop(); }
@@ -89,7 +98,7 @@ Response LxrepoServer::Handle(Request& request, ConnectionState& connection) {
         return HandleImport(request, connection, target.path);
     }
     if (parts_->identity && IdentityPassthrough::Owns(target.path)) {
-        return parts_->identity->Handle(request, target);
+        return parts_->identity->Handle(request, target, connection.secure);
     }
     throw HttpError(http::status::not_found, "nothing is served at " + target.path);
 }

@@ -18,6 +18,7 @@ public:
     LxrepoServer& operator=(const LxrepoServer&) = delete;
 
     unsigned short Port() const;
+    bool Secure() const; // serving TLS
     void Start();
     // Finishes the requests in hand and closes everything; committed tables are in the file.
     void Stop();

@@ -32,7 +32,7 @@ struct ProxySettings {
 class ProxyRoutes {
 public:
     // tokens: the proxy's own bearer tokens for "lxauth=oauth"; may be null (then 502).
-    // Throws std::invalid_argument for an allowed server that is not an http:// URL.
+    // Throws std::invalid_argument for an allowed server that is not an http:// or https:// URL.
     ProxyRoutes(ProxySettings settings, std::shared_ptr<ClientCredentials> tokens);
 
     // Whether the path is one of the proxy's.

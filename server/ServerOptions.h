@@ -19,6 +19,11 @@ enum class AuthKind { None, Ntlm, Bearer };
 struct ServerOptions {
     HttpServer::Settings http;
     Role role = Role::Both;
+    // TLS: served with this PEM certificate chain and key when set; outgoing https trusts the
+    // CA file (for the whole process), else the system's store.
+    std::string tlsCertificate;
+    std::string tlsKey;
+    std::string tlsCa;
 
     // The repository service
     std::string database = "lxrepo.sqlite";

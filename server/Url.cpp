@@ -116,14 +116,19 @@ std::optional<std::vector<std::pair<std::string, std::string>>> ParseQuery(std::
     return parameters;
 }
 
-std::string BaseUrl::Origin() const { return "http://" + Lower(host) + ":" + port; }
+std::string BaseUrl::Origin() const {
+    return (secure ? "https://" : "http://") + Lower(host) + ":" + port;
+}
 
 std::optional<BaseUrl> ParseBaseUrl(std::string_view url) {
-    constexpr std::string_view scheme = "http://";
-    if (url.size() <= scheme.size() || Lower(url.substr(0, scheme.size())) != scheme) {
+    BaseUrl result;
+    const std::size_t schemeEnd = url.find("://");
+    const std::string scheme = Lower(url.substr(0, schemeEnd));
+    if (schemeEnd == std::string_view::npos || (scheme != "http" && scheme != "https")) {
         return std::nullopt;
     }
-    url.remove_prefix(scheme.size());
+    result.secure = scheme == "https";
+    url.remove_prefix(schemeEnd + 3);
     url = url.substr(0, url.find_first_of("?#"));
     const std::size_t slash = std::min(url.find('/'), url.size());
     const std::string_view authority = url.substr(0, slash);
@@ -134,7 +139,6 @@ std::optional<BaseUrl> ParseBaseUrl(std::string_view url) {
     if (authority.empty() || authority.find('@') != std::string_view::npos) {
         return std::nullopt;
     }
-    BaseUrl result;
     // A bracketed IPv6 literal keeps its colons; the port follows the bracket.
     const std::size_t bracket = authority.rfind(']');
     const std::size_t colon = authority.rfind(':');
@@ -148,7 +152,7 @@ std::optional<BaseUrl> ParseBaseUrl(std::string_view url) {
         }
     } else {
         result.host = std::string(authority);
-        result.port = "80";
+        result.port = result.secure ? "443" : "80";
     }
     if (result.host.empty()) {
         return std::nullopt;

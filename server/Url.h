@@ -29,15 +29,16 @@ Target SplitTarget(std::string_view target);
 // nullopt for a broken escape.
 std::optional<std::vector<std::pair<std::string, std::string>>> ParseQuery(std::string_view query);
 
-// An http:// base address split up. Only plain HTTP is spoken: everything runs on loopback.
+// An http:// or https:// base address split up.
 struct BaseUrl {
+    bool secure = false; // https
     std::string host;
-    std::string port; // defaulted to 80
+    std::string port; // defaulted to 80 or 443
     std::string path; // "" or "/..." without a trailing slash
     // "http://host:port", lower case, default port spelled out: the form allow-lists compare.
     std::string Origin() const;
 };
-// nullopt for anything but an http:// address with a host.
+// nullopt for anything but an http:// or https:// address with a host.
 std::optional<BaseUrl> ParseBaseUrl(std::string_view url);
 
 } // namespace lxrepo

@@ -26,9 +26,11 @@ enum class Way {
 class Deployment {
 public:
     // The service imports into database and accepts tables of these classes only. For the
-    // login the user's browser is the library's launcher for as long as this lives. Throws when
-    // a part cannot start.
-    Deployment(Way way, const std::string& database, const std::vector<std::string>& classes);
+    // login the user's browser is the library's launcher for as long as this lives. With tls
+    // the service and the proxy serve https only, with certificates of the test authority (the
+    // loopback redirect of the login stays http). Throws when a part cannot start.
+    Deployment(Way way, const std::string& database, const std::vector<std::string>& classes,
+               bool tls = false);
     ~Deployment();
 
     // Whether this way can run here (the login needs node and the provider's packages).

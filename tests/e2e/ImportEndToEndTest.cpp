@@ -18,6 +18,7 @@ struct WayCase {
     const char* name;
     Way way;
     const char* version; // what the proxy reports
+    bool tls = false;    // the service and the proxy at https addresses
 };
 
 void PrintTo(const WayCase& c, std::ostream* os) { *os << c.name; }
@@ -32,7 +33,7 @@ TEST_P(ImportEndToEnd, EveryCellArrivesInTheSqlTable) {
     const Table table = GenerateTable("Ums\xC3\xA4tze Q1 2024");
     TempDirectory files;
     const std::string database = files.File("repo.sqlite");
-    Deployment deployment(GetParam().way, database, {table.tableClass});
+    Deployment deployment(GetParam().way, database, {table.tableClass}, GetParam().tls);
     const Imported imported = ImportThroughLibrary(deployment.host, table);
     EXPECT_EQ(ToStringT(imported.connection.errorText), "");
     EXPECT_EQ(ToStringT(imported.connection.version), GetParam().version);
@@ -60,7 +61,10 @@ INSTANTIATE_TEST_SUITE_P(
     Ways, ImportEndToEnd,
     ::testing::Values(WayCase{"ThroughTheAuthenticationProxy", Way::Proxy, "1.0.0-lxproxy-2.1"},
                       WayCase{"DirectWithLoginAtTheOpenIdProvider", Way::Login, "2.0.0"},
-                      WayCase{"DirectWithNtlmHandshake", Way::Ntlm, "1.0.0"}),
+                      WayCase{"DirectWithNtlmHandshake", Way::Ntlm, "1.0.0"},
+                      WayCase{"HttpsProxyToHttpsService", Way::Proxy, "1.0.0-lxproxy-2.1", true},
+                      WayCase{"HttpsWithLoginAtTheOpenIdProvider", Way::Login, "2.0.0", true},
+                      WayCase{"HttpsWithNtlmHandshake", Way::Ntlm, "1.0.0", true}),
     [](const ::testing::TestParamInfo<WayCase>& info) { return std::string(info.param.name); });
 
 } // namespace

@@ -31,7 +31,9 @@ struct RunningServer : lxrepo::LxrepoServer {
         : LxrepoServer(options), address(options.http.address) {
         Start();
     }
-    std::string Url() const { return "http://" + address + ":" + std::to_string(Port()); }
+    std::string Url() const {
+        return (Secure() ? "https://" : "http://") + address + ":" + std::to_string(Port());
+    }
     std::string address;
 };
 

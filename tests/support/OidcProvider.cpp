@@ -22,10 +22,13 @@ std::vector<std::string> NodeCommand(const std::string& variation) {
     return {"node", (dir / "provider.mjs").string(), "0", "", variation};
 }
 
-// A GET of an http URL with a path, carrying one header.
+// Where the path of an http or https URL starts.
+std::size_t PathStart(const std::string& url) { return url.find('/', url.find("://") + 3); }
+
+// A GET of an http or https URL with a path, carrying one header.
 lxrepo::Response HttpGet(const std::string& url, const std::string& header,
                          const std::string& value) {
-    lxrepo::Request request(lxrepo::http::verb::get, url.substr(url.find('/', 7)), 11);
+    lxrepo::Request request(lxrepo::http::verb::get, url.substr(PathStart(url)), 11);
     request.set(header, value);
     return lxrepo::SendOnce(lxrepo::ParseBaseUrl(url).value(), request);
 }
@@ -59,7 +62,7 @@ BrowserPage TestBrowser::Get(const std::string& url) {
     // The provider's redirects name an absolute address or an absolute path.
     std::string location(response[lxrepo::http::field::location]);
     if (location.rfind('/', 0) == 0) {
-        location = url.substr(0, url.find('/', 7)) + location;
+        location = url.substr(0, PathStart(url)) + location;
     }
     const int status = static_cast<int>(response.result_int());
     return {status, status / 100 == 3 ? location : "", response.body()};

@@ -1,6 +1,7 @@
 #include "support/RecordingServer.h"
 
 #include "HttpServer.h"
+#include "Tls.h"
 
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/string.hpp>
@@ -90,10 +91,14 @@ struct RecordingServer::Impl {
     }
 };
 
-RecordingServer::RecordingServer(std::string bindAddress) : impl_(std::make_unique<Impl>()) {
+RecordingServer::RecordingServer(std::string bindAddress, const TlsFiles* tls)
+    : impl_(std::make_unique<Impl>()) {
     impl_->address = bindAddress;
     lxrepo::HttpServer::Settings settings;
     settings.address = std::move(bindAddress);
+    if (tls) {
+        settings.tls = lxrepo::ServerTlsContext(tls->certificate, tls->key);
+    }
     impl_->http = std::make_unique<lxrepo::HttpServer>(
         settings, [impl = impl_.get()](lxrepo::Request& request, ConnectionContext& connection) {
             return impl->Answer(request, connection);
@@ -107,7 +112,8 @@ unsigned short RecordingServer::Port() const { return impl_->http->Port(); }
 
 std::string RecordingServer::BaseUrl() const {
     const bool v6 = impl_->address.find(':') != std::string::npos;
-    return "http://" + (v6 ? "[" + impl_->address + "]" : impl_->address) + ":" +
+    return (impl_->http->Secure() ? "https://" : "http://") +
+           (v6 ? "[" + impl_->address + "]" : impl_->address) + ":" +
            std::to_string(Port());
 }
 

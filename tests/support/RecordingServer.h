@@ -4,6 +4,7 @@
 #pragma once
 
 #include "Http.h"
+#include "support/TestCertificates.h"
 
 #include <cstddef>
 #include <functional>
@@ -48,14 +49,16 @@ class RecordingServer {
 public:
     using Handler = std::function<ScriptedResponse(const RecordedRequest&, ConnectionContext&)>;
 
-    // Binds a free port on bindAddress (any address of 127/8, or "::1") and serves at once.
-    explicit RecordingServer(std::string bindAddress = "127.0.0.1");
+    // Binds a free port on bindAddress (any address of 127/8, or "::1") and serves at once, over
+    // TLS with the certificate when one is given.
+    explicit RecordingServer(std::string bindAddress = "127.0.0.1",
+                             const TlsFiles* tls = nullptr);
     ~RecordingServer();
     RecordingServer(const RecordingServer&) = delete;
     RecordingServer& operator=(const RecordingServer&) = delete;
 
     unsigned short Port() const;
-    std::string BaseUrl() const; // "http://<address>:<port>", IPv6 in brackets
+    std::string BaseUrl() const; // "http(s)://<address>:<port>", IPv6 in brackets
 
     void SetDefault(ScriptedResponse); // when the queue is empty and no handler is set
     void Enqueue(ScriptedResponse);    // consumed one per request before the default
