@@ -3,7 +3,7 @@
 // the service address's own path replaced but its query kept, through the authentication proxy
 // when the connection test chose it). Then what only table creation and the attribute definitions
 // upload have: the exact bytes of their bodies, and text that fails the document before anything
-// is sent. Last, how a server's bad answers reach the host.
+// is sent. Last, how a server's bad answers reach the host, and servers TLS cannot trust.
 // gtest first: cpprestsdk defines a macro U that gtest's headers use as a template parameter.
 #include <gtest/gtest.h>
 
@@ -12,6 +12,7 @@
 #include "support/ConnectedClient.h"
 #include "support/HostRecords.h"
 #include "support/Process.h"
+#include "support/TestCertificates.h"
 #include "support/Thrown.h"
 
 #include <boost/asio/write.hpp>
@@ -606,6 +607,31 @@ TEST(Faults, SlowAnswersAreWaitedForByEveryOperation) {
     }
     calls.clear(); // waits for every call
     ExpectNoThreadLeft(baseline, "Slow", true);
+}
+
+// The handshake fails before a request is written: the refused server records nothing, and the
+// host gets cpprestsdk's own error for it.
+TEST(Faults, UntrustedTlsServersAreRefusedBeforeAnyRequest) {
+    const TestCertificates& certificates = Certificates();
+    const Thrown refused = Expected<http_exception>("Error in SSL handshake");
+    const struct {
+        const char* name;
+        const TlsFiles* tls; // nullptr: a plain HTTP server at the https address
+        Thrown thrown;
+    } cases[] = {
+        {"trusted", &certificates.trusted, kNothing},
+        {"another_authority", &certificates.otherAuthority, refused},
+        {"expired", &certificates.expired, refused},
+        {"other_host_name", &certificates.otherName, refused},
+        {"plain_http", nullptr, refused},
+    };
+    for (const auto& c : cases) {
+        RecordingServer server("127.0.0.1", c.tls);
+        const std::string url = "https://127.0.0.1:" + std::to_string(server.Port());
+        ConnectedClient client(url);
+        EXPECT_EQ(ThrownBy([&] { client->IsAuthorized(L"Sales"); }), c.thrown) << "case: " << c.name;
+        EXPECT_EQ(server.Requests().size(), c.thrown == kNothing ? 1u : 0u) << "case: " << c.name;
+    }
 }
 
 } // namespace
