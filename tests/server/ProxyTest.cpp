@@ -71,7 +71,7 @@ TEST_F(Proxy, ConnectAndForwardNeedARegisteredClientAndAnAllowedServer) {
         {"allowed host, other port", forward, Via(desk, proxy->Url()), "{}", 403,
          "does not forward"},
         {"unregistered client", forward, Via("gone", service.Url()), "{}", 401, "not registered"},
-        {"lxserver not a URL", forward, Via(desk, "repository"), "{}", 400, "http:// URL"},
+        {"lxserver not a URL", forward, Via(desk, "repository"), "{}", 400, "https:// URL"},
         {"oauth without a configured OpenID client", forward, Via(desk, service.Url(), "oauth"),
          "{}", 502, "no OpenID client"},
         {"no proxy parameters", forward, {}, "{}", 400, "lxclient"},
