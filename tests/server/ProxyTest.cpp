@@ -23,7 +23,8 @@ protected:
         auto options = DefaultOptions(directory.File("unused.sqlite"), lxrepo::Role::Proxy);
         // Spelt differently from what clients send: the allow-list compares origins.
         options.proxy.allowedServers = {"HTTP://127.0.0.1:" + std::to_string(service.Port()) + "/",
-                                        recorder.BaseUrl()};
+                                        recorder.BaseUrl(), untrusted.BaseUrl(),
+                                        otherName.BaseUrl()};
         proxy = std::make_unique<RunningServer>(options);
     }
 
@@ -34,6 +35,9 @@ protected:
     TempDirectory directory;
     RunningServer service{DefaultOptions(directory.File("repo.sqlite"), lxrepo::Role::Service)};
     testsupport::RecordingServer recorder;
+    testsupport::RecordingServer untrusted{"127.0.0.1",
+                                           &testsupport::Certificates().otherAuthority};
+    testsupport::RecordingServer otherName{"127.0.0.1", &testsupport::Certificates().otherName};
     std::unique_ptr<RunningServer> proxy;
 };
 
@@ -70,6 +74,10 @@ TEST_F(Proxy, ConnectAndForwardNeedARegisteredClientAndAnAllowedServer) {
          "does not forward to http://127.0.0.1:9"},
         {"allowed host, other port", forward, Via(desk, proxy->Url()), "{}", 403,
          "does not forward"},
+        {"service's certificate by an unknown authority", forward, Via(desk, untrusted.BaseUrl()),
+         "{}", 502, "certificate verify failed"},
+        {"service's certificate for another name", forward, Via(desk, otherName.BaseUrl()), "{}",
+         502, "certificate verify failed"},
         {"unregistered client", forward, Via("gone", service.Url()), "{}", 401, "not registered"},
         {"lxserver not a URL", forward, Via(desk, "repository"), "{}", 400, "https:// URL"},
         {"oauth without a configured OpenID client", forward, Via(desk, service.Url(), "oauth"),
