@@ -198,6 +198,7 @@ ImportSummary ImportCsvFile(const ImportOptions& options, ProgressBar& progress)
     }
     SendValueIds(client, tableId, steps, records, scan, options, progress);
     steps.Enter("end of import");
+    progress.Wait("committing", "waiting for the service to commit " + std::to_string(scan.rows) + " rows");
     steps.Require(steps.Send("the end of the import", [&] { return client.EndImport(tableId); }),
                   "the end of the import");
     progress.Clear();
