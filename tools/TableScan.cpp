@@ -83,13 +83,18 @@ int DistinctValues::Add(std::string_view value) {
     if (value.empty()) {
         return kMissingValue;
     }
-    const auto found = ids_.find(value);
+    if (value.size() > UINT32_MAX) {
+        throw std::runtime_error("a value longer than 4 GB");
+    }
+    const auto size = static_cast<std::uint32_t>(value.size());
+    const auto hash = static_cast<std::uint32_t>(absl::Hash<std::string_view>{}(value));
+    const auto found = ids_.find(Key{value.data(), size, hash});
     if (found != ids_.end()) {
         return found->second;
     }
     const int id = static_cast<int>(values_.size());
     values_.emplace_back(value);
-    ids_.emplace(values_.back(), id);
+    ids_.emplace(Key{values_.back().data(), size, hash}, id);
     return id;
 }
 

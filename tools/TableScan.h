@@ -6,6 +6,7 @@
 
 #include <absl/container/flat_hash_map.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <deque>
 #include <functional>
@@ -25,9 +26,27 @@ public:
     const std::string& At(long index) const { return values_.at(static_cast<std::size_t>(index)); }
 
 private:
+    // A value with its hash, computed once per cell: growing the map then never reads the
+    // values again, and a lookup compares text only when the whole hash matches.
+    // Sixteen bytes, so a slot of the map is no larger than one holding a string_view: a
+    // table's distinct values may be millions. A value too long for 32 bits is refused on reading.
+    struct Key {
+        const char* data;
+        std::uint32_t size;
+        std::uint32_t hash;
+        std::string_view Text() const { return {data, size}; }
+    };
+    struct KeyHash {
+        std::size_t operator()(const Key& key) const { return key.hash; }
+    };
+    struct KeyEqual {
+        bool operator()(const Key& a, const Key& b) const {
+            return a.hash == b.hash && a.Text() == b.Text();
+        }
+    };
     // A deque never moves its elements, so the map's keys can view them.
     std::deque<std::string> values_;
-    absl::flat_hash_map<std::string_view, int> ids_;
+    absl::flat_hash_map<Key, int, KeyHash, KeyEqual> ids_;
 };
 
 struct ColumnScan {
