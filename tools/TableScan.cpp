@@ -93,9 +93,24 @@ int DistinctValues::Add(std::string_view value) {
         return found->second;
     }
     const int id = static_cast<int>(values_.size());
-    values_.emplace_back(value);
-    ids_.emplace(Key{values_.back().data(), size, hash}, id);
+    values_.push_back(Key{Keep(value), size, hash});
+    ids_.emplace(values_.back(), id);
     return id;
+}
+
+const char* DistinctValues::Keep(std::string_view value) {
+    constexpr std::size_t kBlockBytes = 1 << 20;
+    if (value.size() > blockLeft_) {
+        const std::size_t size = std::max(kBlockBytes, value.size());
+        blocks_.push_back(std::make_unique<char[]>(size));
+        blockEnd_ = blocks_.back().get();
+        blockLeft_ = size;
+    }
+    char* kept = blockEnd_;
+    std::memcpy(kept, value.data(), value.size());
+    blockEnd_ += value.size();
+    blockLeft_ -= value.size();
+    return kept;
 }
 
 TableScan ScanTable(const std::string& path, char delimiter, const PassProgress& progress) {

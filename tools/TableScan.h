@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -23,7 +22,9 @@ public:
     // The value's id, adding it when new. Empty text is the missing value, id -1.
     int Add(std::string_view value);
     long Count() const { return static_cast<long>(values_.size()); }
-    const std::string& At(long index) const { return values_.at(static_cast<std::size_t>(index)); }
+    std::string_view At(long index) const {
+        return values_.at(static_cast<std::size_t>(index)).Text();
+    }
 
 private:
     // A value with its hash, computed once per cell: growing the map then never reads the
@@ -44,8 +45,14 @@ private:
             return a.hash == b.hash && a.Text() == b.Text();
         }
     };
-    // A deque never moves its elements, so the map's keys can view them.
-    std::deque<std::string> values_;
+    // Copies a new value into the arena, which never moves what it holds.
+    const char* Keep(std::string_view value);
+
+    // The values' bytes, packed into large blocks instead of one allocation each.
+    std::vector<std::unique_ptr<char[]>> blocks_;
+    std::size_t blockLeft_ = 0;
+    char* blockEnd_ = nullptr;
+    std::vector<Key> values_; // by id
     absl::flat_hash_map<Key, int, KeyHash, KeyEqual> ids_;
 };
 
