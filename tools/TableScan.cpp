@@ -2,11 +2,11 @@
 
 #include "CsvReader.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstring>
-#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -49,7 +49,8 @@ private:
 
 void WriteIds(std::FILE* file, const std::vector<std::int32_t>& ids) {
     if (std::fwrite(ids.data(), sizeof(std::int32_t), ids.size(), file) != ids.size()) {
-        throw std::runtime_error(std::string("cannot write a temporary file: ") + std::strerror(errno));
+        throw std::runtime_error(std::string("cannot write a temporary file: ") +
+                                 std::strerror(errno));
     }
 }
 
@@ -120,7 +121,8 @@ TableScan ScanTable(const std::string& path, char delimiter, const PassProgress&
     scan.fileSize = fraction.Size();
     scan.ids.reset(std::tmpfile());
     if (!scan.ids) {
-        throw std::runtime_error(std::string("cannot make a temporary file: ") + std::strerror(errno));
+        throw std::runtime_error(std::string("cannot make a temporary file: ") +
+                                 std::strerror(errno));
     }
     std::vector<std::int32_t> rowIds;
     bool header = true;
@@ -148,15 +150,15 @@ TableScan ScanTable(const std::string& path, char delimiter, const PassProgress&
         throw MalformedCsv(1, "the file has no header line");
     }
     if (std::fflush(scan.ids.get()) != 0) {
-        throw std::runtime_error(std::string("cannot write a temporary file: ") + std::strerror(errno));
+        throw std::runtime_error(std::string("cannot write a temporary file: ") +
+                                 std::strerror(errno));
     }
     progress(scan.rows, 1.0);
     return scan;
 }
 
-void StreamValueIds(const std::string& path, char /*delimiter*/, const TableScan& scan,
-                    long chunkRows, const ValueIdChunkHandler& handler,
-                    const PassProgress& progress) {
+void StreamValueIds(const std::string& path, const TableScan& scan, long chunkRows,
+                    const ValueIdChunkHandler& handler, const PassProgress& progress) {
     std::error_code error;
     const auto size = std::filesystem::file_size(path, error);
     if (error || static_cast<long long>(size) != scan.fileSize) {
@@ -181,7 +183,8 @@ void StreamValueIds(const std::string& path, char /*delimiter*/, const TableScan
             }
         }
         handler(first, ids);
-        progress(first + count, static_cast<double>(first + count) / static_cast<double>(scan.rows));
+        progress(first + count,
+                 static_cast<double>(first + count) / static_cast<double>(scan.rows));
     }
 }
 

@@ -90,7 +90,7 @@ using ValueIdChunkHandler =
 
 // Hands on the value ids the scan kept, chunkRows rows at a time (the last chunk may be
 // shorter). Throws std::runtime_error when the file no longer matches the scan.
-void StreamValueIds(const std::string& path, char delimiter, const TableScan& scan, long chunkRows,
+void StreamValueIds(const std::string& path, const TableScan& scan, long chunkRows,
                     const ValueIdChunkHandler& handler, const PassProgress& progress);
 
 } // namespace lxrepo
