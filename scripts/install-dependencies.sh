@@ -13,7 +13,7 @@ packages=(
   libkrb5-dev gss-ntlmssp
   libgtest-dev libbenchmark-dev
   libsqlite3-dev sqlite3 nlohmann-json3-dev
-  libcli11-dev libcsv-dev libcurl4-openssl-dev
+  libcli11-dev libcsv-dev libabsl-dev libcurl4-openssl-dev
   clang libclang-rt-14-dev valgrind
 )
 # The OpenID provider the login tests run against is a Node program; TRI_SKIP_NODE=1 (the demo)

@@ -1,4 +1,4 @@
-# Sourced by scripts that run lxrepo-server on loopback (the demo, the million-row benchmark).
+# Sourced by scripts that run lxrepo-server on loopback (the demo, the side-by-side import benchmark).
 # Expects $build (a build folder with server/lxrepo-server). Sets $work, a temporary folder that
 # is removed on exit together with every server started here.
 work="$(mktemp -d)"

@@ -30,7 +30,7 @@ void AppendUtf8(std::string& out, unsigned long cp) {
 
 } // namespace
 
-CString ToCString(const std::string& utf8) {
+CString ToCString(std::string_view utf8) {
     return CString(utf8.data(), static_cast<int>(utf8.size()));
 }
 

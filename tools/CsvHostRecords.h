@@ -75,7 +75,7 @@ private:
 };
 
 // UTF-8 text as the host's wide string, and back.
-CString ToCString(const std::string& utf8);
+CString ToCString(std::string_view utf8);
 std::string ToUtf8(const CString& text);
 
 } // namespace lxrepo

@@ -50,6 +50,16 @@ void ProgressBar::Update(long rows, double fraction) {
     visible_ = true;
 }
 
+void ProgressBar::Wait(const std::string& phase, const std::string& what) {
+    phase_ = phase;
+    if (!enabled_) {
+        return;
+    }
+    std::fprintf(out_, "\r\033[K%-16s %s", phase_.c_str(), what.c_str());
+    std::fflush(out_);
+    visible_ = true;
+}
+
 void ProgressBar::Clear() {
     if (visible_) {
         std::fprintf(out_, "\r\033[K");

@@ -20,6 +20,9 @@ public:
     // rows done in this phase, fraction of the phase done (0 to 1). Redrawn at most ten times a
     // second, so callers may report as often as they like.
     void Update(long rows, double fraction);
+    // A phase whose length only the other side knows (the service committing): its name and
+    // what it waits for, with no bar, until the next Begin or Clear.
+    void Wait(const std::string& phase, const std::string& what);
     // Erases the line, before a message or the summary is printed.
     void Clear();
 

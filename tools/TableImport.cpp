@@ -146,7 +146,7 @@ void SendValueIds(CTableRepositoryImport& client, const CString& tableId, Steps&
     };
     try {
         if (!scan.columns.empty()) {
-            StreamValueIds(options.file, options.delimiter, scan, options.chunkRows, sendChunk,
+            StreamValueIds(options.file, scan, options.chunkRows, sendChunk,
                            [&](long rows, double fraction) { progress.Update(rows, fraction); });
         }
     } catch (const Failure&) {
@@ -198,6 +198,8 @@ ImportSummary ImportCsvFile(const ImportOptions& options, ProgressBar& progress)
     }
     SendValueIds(client, tableId, steps, records, scan, options, progress);
     steps.Enter("end of import");
+    progress.Wait("committing",
+                  "waiting for the service to commit " + std::to_string(scan.rows) + " rows");
     steps.Require(steps.Send("the end of the import", [&] { return client.EndImport(tableId); }),
                   "the end of the import");
     progress.Clear();

@@ -2,9 +2,12 @@
 
 #include "CsvReader.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <stdexcept>
@@ -14,7 +17,6 @@ namespace lxrepo {
 namespace {
 
 constexpr int kMissingValue = -1;
-constexpr int kUnknownValue = -2;
 
 // Every few thousand rows is often enough for a display refreshed ten times a second.
 constexpr long kProgressEveryRows = 4096;
@@ -34,6 +36,7 @@ public:
         size_ = static_cast<double>(in_.tellg());
         in_.seekg(0);
     }
+    long long Size() const { return static_cast<long long>(size_); }
     double operator()() {
         const auto at = in_.tellg();
         return at < 0 || size_ <= 0 ? 1.0 : static_cast<double>(at) / size_;
@@ -43,6 +46,13 @@ private:
     std::ifstream& in_;
     double size_ = 0;
 };
+
+void WriteIds(std::FILE* file, const std::vector<std::int32_t>& ids) {
+    if (std::fwrite(ids.data(), sizeof(std::int32_t), ids.size(), file) != ids.size()) {
+        throw std::runtime_error(std::string("cannot write a temporary file: ") +
+                                 std::strerror(errno));
+    }
+}
 
 void CheckFieldCount(const CsvRecord& record, std::size_t expected) {
     if (record.fields.size() != expected) {
@@ -74,32 +84,52 @@ int DistinctValues::Add(std::string_view value) {
     if (value.empty()) {
         return kMissingValue;
     }
-    const auto found = ids_.find(value);
+    if (value.size() > UINT32_MAX) {
+        throw std::runtime_error("a value longer than 4 GB");
+    }
+    const auto size = static_cast<std::uint32_t>(value.size());
+    const auto hash = static_cast<std::uint32_t>(absl::Hash<std::string_view>{}(value));
+    const auto found = ids_.find(Key{value.data(), size, hash});
     if (found != ids_.end()) {
         return found->second;
     }
     const int id = static_cast<int>(values_.size());
-    values_.emplace_back(value);
+    values_.push_back(Key{Keep(value), size, hash});
     ids_.emplace(values_.back(), id);
     return id;
 }
 
-int DistinctValues::IdOf(std::string_view value) const {
-    if (value.empty()) {
-        return kMissingValue;
+const char* DistinctValues::Keep(std::string_view value) {
+    constexpr std::size_t kBlockBytes = 1 << 20;
+    if (value.size() > blockLeft_) {
+        const std::size_t size = std::max(kBlockBytes, value.size());
+        blocks_.push_back(std::make_unique<char[]>(size));
+        blockEnd_ = blocks_.back().get();
+        blockLeft_ = size;
     }
-    const auto found = ids_.find(value);
-    return found == ids_.end() ? kUnknownValue : found->second;
+    char* kept = blockEnd_;
+    std::memcpy(kept, value.data(), value.size());
+    blockEnd_ += value.size();
+    blockLeft_ -= value.size();
+    return kept;
 }
 
 TableScan ScanTable(const std::string& path, char delimiter, const PassProgress& progress) {
     std::ifstream in = OpenFile(path);
     FileFraction fraction(in);
     TableScan scan;
+    scan.fileSize = fraction.Size();
+    scan.ids.reset(std::tmpfile());
+    if (!scan.ids) {
+        throw std::runtime_error(std::string("cannot make a temporary file: ") +
+                                 std::strerror(errno));
+    }
+    std::vector<std::int32_t> rowIds;
     bool header = true;
     ParseCsvStream(in, delimiter, [&](const CsvRecord& record) {
         if (header) {
             scan.columns = ColumnsOfHeader(record);
+            rowIds.resize(scan.columns.size());
             header = false;
             return;
         }
@@ -109,8 +139,9 @@ TableScan ScanTable(const std::string& path, char delimiter, const PassProgress&
         }
         for (std::size_t c = 0; c < scan.columns.size(); ++c) {
             scan.columns[c].type.See(record.fields[c]);
-            scan.columns[c].values.Add(record.fields[c]);
+            rowIds[c] = scan.columns[c].values.Add(record.fields[c]);
         }
+        WriteIds(scan.ids.get(), rowIds);
         if (++scan.rows % kProgressEveryRows == 0) {
             progress(scan.rows, fraction());
         }
@@ -118,53 +149,42 @@ TableScan ScanTable(const std::string& path, char delimiter, const PassProgress&
     if (header) {
         throw MalformedCsv(1, "the file has no header line");
     }
+    if (std::fflush(scan.ids.get()) != 0) {
+        throw std::runtime_error(std::string("cannot write a temporary file: ") +
+                                 std::strerror(errno));
+    }
     progress(scan.rows, 1.0);
     return scan;
 }
 
-void StreamValueIds(const std::string& path, char delimiter, const TableScan& scan, long chunkRows,
+void StreamValueIds(const std::string& path, const TableScan& scan, long chunkRows,
                     const ValueIdChunkHandler& handler, const PassProgress& progress) {
-    std::ifstream in = OpenFile(path);
-    FileFraction fraction(in);
-    std::vector<std::vector<int>> ids(scan.columns.size());
-    long first = 0;
-    long row = 0;
-    bool header = true;
-    const auto handOn = [&] {
-        handler(first, ids);
-        first = row;
-        for (auto& column : ids) {
-            column.clear();
-        }
-        progress(row, fraction());
-    };
-    const auto changed = [] {
-        return std::runtime_error("the file changed while it was imported");
-    };
-    ParseCsvStream(in, delimiter, [&](const CsvRecord& record) {
-        if (header) {
-            header = false;
-            return;
-        }
-        if (record.fields.size() != scan.columns.size() || row >= scan.rows) {
-            throw changed();
-        }
-        for (std::size_t c = 0; c < ids.size(); ++c) {
-            const int id = scan.columns[c].values.IdOf(record.fields[c]);
-            if (id == kUnknownValue) {
-                throw changed();
-            }
-            ids[c].push_back(id);
-        }
-        if (++row - first == chunkRows) {
-            handOn();
-        }
-    });
-    if (row != scan.rows) {
-        throw changed();
+    std::error_code error;
+    const auto size = std::filesystem::file_size(path, error);
+    if (error || static_cast<long long>(size) != scan.fileSize) {
+        throw std::runtime_error("the file changed while it was imported");
     }
-    if (first < row) {
-        handOn();
+    std::FILE* file = scan.ids.get();
+    std::rewind(file);
+    const std::size_t width = scan.columns.size();
+    std::vector<std::int32_t> block;
+    std::vector<std::vector<int>> ids(width);
+    for (long first = 0; first < scan.rows; first += chunkRows) {
+        const long count = std::min(chunkRows, scan.rows - first);
+        const std::size_t cells = static_cast<std::size_t>(count) * width;
+        block.resize(cells);
+        if (std::fread(block.data(), sizeof(std::int32_t), cells, file) != cells) {
+            throw std::runtime_error("the temporary file of value ids could not be read back");
+        }
+        for (std::size_t c = 0; c < width; ++c) {
+            ids[c].resize(static_cast<std::size_t>(count));
+            for (std::size_t r = 0; r < static_cast<std::size_t>(count); ++r) {
+                ids[c][r] = block[r * width + c];
+            }
+        }
+        handler(first, ids);
+        progress(first + count,
+                 static_cast<double>(first + count) / static_cast<double>(scan.rows));
     }
 }
 

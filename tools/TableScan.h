@@ -4,11 +4,14 @@
 
 #include "ColumnTypes.h"
 
-#include <deque>
+#include <absl/container/flat_hash_map.h>
+
+#include <cstdint>
+#include <cstdio>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace lxrepo {
@@ -18,15 +21,39 @@ class DistinctValues {
 public:
     // The value's id, adding it when new. Empty text is the missing value, id -1.
     int Add(std::string_view value);
-    // The id of a known value, -1 for the empty text; -2 for a value never added.
-    int IdOf(std::string_view value) const;
     long Count() const { return static_cast<long>(values_.size()); }
-    const std::string& At(long index) const { return values_.at(static_cast<std::size_t>(index)); }
+    std::string_view At(long index) const {
+        return values_.at(static_cast<std::size_t>(index)).Text();
+    }
 
 private:
-    // A deque never moves its elements, so the map's keys can view them.
-    std::deque<std::string> values_;
-    std::unordered_map<std::string_view, int> ids_;
+    // A value with its hash, computed once per cell: growing the map then never reads the
+    // values again, and a lookup compares text only when the whole hash matches.
+    // Sixteen bytes, so a slot of the map is no larger than one holding a string_view: a
+    // table's distinct values may be millions. A value too long for 32 bits is refused on reading.
+    struct Key {
+        const char* data;
+        std::uint32_t size;
+        std::uint32_t hash;
+        std::string_view Text() const { return {data, size}; }
+    };
+    struct KeyHash {
+        std::size_t operator()(const Key& key) const { return key.hash; }
+    };
+    struct KeyEqual {
+        bool operator()(const Key& a, const Key& b) const {
+            return a.hash == b.hash && a.Text() == b.Text();
+        }
+    };
+    // Copies a new value into the arena, which never moves what it holds.
+    const char* Keep(std::string_view value);
+
+    // The values' bytes, packed into large blocks instead of one allocation each.
+    std::vector<std::unique_ptr<char[]>> blocks_;
+    std::size_t blockLeft_ = 0;
+    char* blockEnd_ = nullptr;
+    std::vector<Key> values_; // by id
+    absl::flat_hash_map<Key, int, KeyHash, KeyEqual> ids_;
 };
 
 struct ColumnScan {
@@ -35,9 +62,18 @@ struct ColumnScan {
     DistinctValues values;
 };
 
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
 struct TableScan {
     std::vector<ColumnScan> columns;
     long rows = 0;
+    // Every row's ids as the first pass found them, row after row, so the second pass reads them
+    // back instead of parsing and looking everything up again. Deleted when closed.
+    std::unique_ptr<std::FILE, CloseFile> ids;
+    // The file's size when it was read, to notice a file changed between the passes.
+    long long fileSize = 0;
 };
 
 // Where a pass stands, for the progress display: rows so far and the bytes read of the file.
@@ -52,9 +88,9 @@ TableScan ScanTable(const std::string& path, char delimiter, const PassProgress&
 using ValueIdChunkHandler =
     std::function<void(long first, const std::vector<std::vector<int>>& ids)>;
 
-// Reads the file again and hands on the value ids of chunkRows rows at a time (the last chunk
-// may be shorter). Throws std::runtime_error when the file no longer matches the scan.
-void StreamValueIds(const std::string& path, char delimiter, const TableScan& scan, long chunkRows,
+// Hands on the value ids the scan kept, chunkRows rows at a time (the last chunk may be
+// shorter). Throws std::runtime_error when the file no longer matches the scan.
+void StreamValueIds(const std::string& path, const TableScan& scan, long chunkRows,
                     const ValueIdChunkHandler& handler, const PassProgress& progress);
 
 } // namespace lxrepo
