@@ -17,8 +17,8 @@ namespace lxrepo {
 
 // One TCP connection to one origin, over TLS for https (the peer's certificate checked against
 // OutgoingTlsContext, its name against the URL's host); the requests sent on it share it, which
-// the NTLM handshake needs. Every failure is thrown as HttpError 502 naming the origin, since for our callers an
-// unreachable upstream is a bad gateway.
+// the NTLM handshake needs. Every failure is thrown as HttpError 502 naming the origin, since for
+// our callers an unreachable upstream is a bad gateway.
 class HttpConnection {
 public:
     explicit HttpConnection(const BaseUrl& url);

@@ -34,7 +34,8 @@ template <class Message, class Source> void CopyHeaders(Message& to, const Sourc
 IdentityPassthrough::IdentityPassthrough(const std::string& upstream) {
     const auto url = ParseBaseUrl(upstream);
     if (!url) {
-        throw std::invalid_argument("--identity-upstream needs an http:// or https:// URL, not " + upstream);
+        throw std::invalid_argument("--identity-upstream needs an http:// or https:// URL, not " +
+                                    upstream);
     }
     upstream_ = *url;
 }

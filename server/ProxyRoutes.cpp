@@ -61,7 +61,8 @@ ProxyRoutes::ProxyRoutes(ProxySettings settings, std::shared_ptr<ClientCredentia
     for (const auto& server : settings_.allowedServers) {
         const auto url = ParseBaseUrl(server);
         if (!url) {
-            throw std::invalid_argument("--proxy-allow needs an http:// or https:// URL, not " + server);
+            throw std::invalid_argument("--proxy-allow needs an http:// or https:// URL, not " +
+                                        server);
         }
         allowedOrigins_.insert(url->Origin());
     }
@@ -147,7 +148,8 @@ BaseUrl ProxyRoutes::AllowedService(const Call& call, http::status refusal) cons
     const auto url = ParseBaseUrl(call.server);
     if (!url) {
         throw HttpError(http::status::bad_request,
-                        "\"lxserver\" must be an http:// or https:// URL, not \"" + call.server + "\"");
+                        "\"lxserver\" must be an http:// or https:// URL, not \"" + call.server +
+                            "\"");
     }
     if (allowedOrigins_.count(url->Origin()) == 0) {
         throw HttpError(refusal, "the proxy does not forward to " + url->Origin());

@@ -627,10 +627,10 @@ TEST(Faults, UntrustedTlsServersAreRefusedBeforeAnyRequest) {
     };
     for (const auto& c : cases) {
         RecordingServer server("127.0.0.1", c.tls);
-        const std::string url = "https://127.0.0.1:" + std::to_string(server.Port());
-        ConnectedClient client(url);
-        EXPECT_EQ(ThrownBy([&] { client->IsAuthorized(L"Sales"); }), c.thrown) << "case: " << c.name;
-        EXPECT_EQ(server.Requests().size(), c.thrown == kNothing ? 1u : 0u) << "case: " << c.name;
+        ConnectedClient client("https://127.0.0.1:" + std::to_string(server.Port()));
+        const Thrown thrown = ThrownBy([&] { client->IsAuthorized(L"Sales"); });
+        EXPECT_EQ(thrown, c.thrown) << "case: " << c.name;
+        EXPECT_EQ(server.Requests().size(), thrown == kNothing ? 1u : 0u) << "case: " << c.name;
     }
 }
 

@@ -83,7 +83,8 @@ void CsvReader::Feed(const char* data, std::size_t size) {
     while (!started_ && size > 0) {
         heldBack_ += *data++;
         --size;
-        const bool couldBeMark = std::memcmp(heldBack_.data(), kByteOrderMark, heldBack_.size()) == 0;
+        const bool couldBeMark =
+            std::memcmp(heldBack_.data(), kByteOrderMark, heldBack_.size()) == 0;
         if (!couldBeMark || heldBack_.size() == 3) {
             ReleaseHeldBack(couldBeMark);
         }

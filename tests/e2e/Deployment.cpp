@@ -58,18 +58,14 @@ Deployment::Deployment(Way way, const std::string& database,
                        const std::vector<std::string>& classes, bool tls) {
     auto service = DefaultOptions(database, lxrepo::Role::Service);
     auto proxy = DefaultOptions(files_.File("proxy.sqlite"), lxrepo::Role::Proxy);
-    if (tls) {
-        const auto& files = testsupport::Certificates().trusted;
-        for (auto* options : {&service, &proxy}) {
-            options->tlsCertificate = files.certificate;
-            options->tlsKey = files.key;
-        }
-    }
+    const testsupport::TlsFiles plain, &files = tls ? testsupport::Certificates().trusted : plain;
+    service.tlsCertificate = proxy.tlsCertificate = files.certificate;
+    service.tlsKey = proxy.tlsKey = files.key;
     if (way == Way::Login) {
         // The provider's issuer is the service's /identity, so the service's port comes first.
         service.http.port = testsupport::FreePort();
-        const std::string serviceUrl = std::string(tls ? "https" : "http") + "://127.0.0.1:" +
-                                       std::to_string(service.http.port);
+        const std::string serviceUrl = std::string(tls ? "https" : "http") +
+                                       "://127.0.0.1:" + std::to_string(service.http.port);
         provider_ = std::make_unique<testsupport::ChildProcess>(
             std::vector<std::string>{E2E_NODE, E2E_LOGIN_PROVIDER, "0", serviceUrl + "/identity"});
         const std::string providerUrl =
@@ -115,7 +111,8 @@ Deployment::Deployment(Way way, const std::string& database,
     proxyServer = std::make_unique<RunningServer>(proxy);
     host = {testsupport::ProxyConfiguration(proxyServer->Url(), kClientName, service_->Url(),
                                             provider_ ? 1 : 0),
-            service_->Url(), way == Way::Ntlm || way == Way::Plain ? VersionNotSupported : Connected};
+            service_->Url(),
+            way == Way::Ntlm || way == Way::Plain ? VersionNotSupported : Connected};
 }
 
 Deployment::~Deployment() {

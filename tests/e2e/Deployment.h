@@ -3,8 +3,8 @@
 #pragma once
 
 #include "ServerFixture.h"
-#include "e2e/HostImport.h"
 #include "client/TextConversion.h"
+#include "e2e/HostImport.h"
 #include "support/OidcProvider.h"
 
 #include <memory>

@@ -62,7 +62,6 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(WayCase{"ThroughTheAuthenticationProxy", Way::Proxy, "1.0.0-lxproxy-2.1"},
                       WayCase{"DirectWithLoginAtTheOpenIdProvider", Way::Login, "2.0.0"},
                       WayCase{"DirectWithNtlmHandshake", Way::Ntlm, "1.0.0"},
-                      WayCase{"HttpsProxyToHttpsService", Way::Proxy, "1.0.0-lxproxy-2.1", true},
                       WayCase{"HttpsWithLoginAtTheOpenIdProvider", Way::Login, "2.0.0", true},
                       WayCase{"HttpsWithNtlmHandshake", Way::Ntlm, "1.0.0", true}),
     [](const ::testing::TestParamInfo<WayCase>& info) { return std::string(info.param.name); });

@@ -23,8 +23,7 @@ protected:
         auto options = DefaultOptions(directory.File("unused.sqlite"), lxrepo::Role::Proxy);
         // Spelt differently from what clients send: the allow-list compares origins.
         options.proxy.allowedServers = {"HTTP://127.0.0.1:" + std::to_string(service.Port()) + "/",
-                                        recorder.BaseUrl(), untrusted.BaseUrl(),
-                                        otherName.BaseUrl()};
+                                        recorder.BaseUrl(), unknown.BaseUrl(), otherName.BaseUrl()};
         proxy = std::make_unique<RunningServer>(options);
     }
 
@@ -35,8 +34,8 @@ protected:
     TempDirectory directory;
     RunningServer service{DefaultOptions(directory.File("repo.sqlite"), lxrepo::Role::Service)};
     testsupport::RecordingServer recorder;
-    testsupport::RecordingServer untrusted{"127.0.0.1",
-                                           &testsupport::Certificates().otherAuthority};
+    // TLS servers the proxy must not trust.
+    testsupport::RecordingServer unknown{"127.0.0.1", &testsupport::Certificates().otherAuthority};
     testsupport::RecordingServer otherName{"127.0.0.1", &testsupport::Certificates().otherName};
     std::unique_ptr<RunningServer> proxy;
 };
@@ -74,7 +73,7 @@ TEST_F(Proxy, ConnectAndForwardNeedARegisteredClientAndAnAllowedServer) {
          "does not forward to http://127.0.0.1:9"},
         {"allowed host, other port", forward, Via(desk, proxy->Url()), "{}", 403,
          "does not forward"},
-        {"service's certificate by an unknown authority", forward, Via(desk, untrusted.BaseUrl()),
+        {"service's certificate by an unknown authority", forward, Via(desk, unknown.BaseUrl()),
          "{}", 502, "certificate verify failed"},
         {"service's certificate for another name", forward, Via(desk, otherName.BaseUrl()), "{}",
          502, "certificate verify failed"},

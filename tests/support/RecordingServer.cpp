@@ -113,8 +113,7 @@ unsigned short RecordingServer::Port() const { return impl_->http->Port(); }
 std::string RecordingServer::BaseUrl() const {
     const bool v6 = impl_->address.find(':') != std::string::npos;
     return (impl_->http->Secure() ? "https://" : "http://") +
-           (v6 ? "[" + impl_->address + "]" : impl_->address) + ":" +
-           std::to_string(Port());
+           (v6 ? "[" + impl_->address + "]" : impl_->address) + ":" + std::to_string(Port());
 }
 
 void RecordingServer::SetDefault(ScriptedResponse response) {

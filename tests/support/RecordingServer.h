@@ -51,8 +51,7 @@ public:
 
     // Binds a free port on bindAddress (any address of 127/8, or "::1") and serves at once, over
     // TLS with the certificate when one is given.
-    explicit RecordingServer(std::string bindAddress = "127.0.0.1",
-                             const TlsFiles* tls = nullptr);
+    explicit RecordingServer(std::string bindAddress = "127.0.0.1", const TlsFiles* tls = nullptr);
     ~RecordingServer();
     RecordingServer(const RecordingServer&) = delete;
     RecordingServer& operator=(const RecordingServer&) = delete;
@@ -65,7 +64,7 @@ public:
     void SetHandler(Handler);          // when set, decides every answer
 
     std::vector<RecordedRequest> Requests() const; // in arrival order
-    void Clear(); // forgets the recorded requests
+    void Clear();                                  // forgets the recorded requests
 
     struct Impl;
 

@@ -14,11 +14,11 @@ struct TlsFiles {
 };
 
 struct TestCertificates {
-    std::string authority; // the trusted authority's certificate
-    TlsFiles trusted;      // by it, for 127.0.0.1, 127.0.0.2 and localhost
+    std::string authority;   // the trusted authority's certificate
+    TlsFiles trusted;        // by it, for 127.0.0.1, 127.0.0.2 and localhost
     TlsFiles otherAuthority; // the same names, by an authority nobody trusts
-    TlsFiles expired;      // by the trusted authority, expired since yesterday
-    TlsFiles otherName;    // by the trusted authority, for elsewhere.invalid only
+    TlsFiles expired;        // by the trusted authority, expired since yesterday
+    TlsFiles otherName;      // by the trusted authority, for elsewhere.invalid only
 };
 
 // Throws std::runtime_error when openssl fails.
